@@ -1,0 +1,46 @@
+# Installs the build into a fresh prefix, then builds and runs a small host
+# against it twice: through find_package(QRV_IPM CONFIG) and through
+# pkg-config.
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT code EQUAL 0)
+    message(FATAL_ERROR "failed (${code}): ${ARGN}\n${out}\n${err}")
+  endif()
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
+
+foreach(required
+    lib/libQRV_IPM.so.1 lib/libQRV_Image.so.1 lib/libRV_Log.so.1 lib/libCWatchTime.so.1
+    include/qrv_ipm/CIpmFuncTable.h include/qrv_ipm/IpmTypes.h include/qrv_ipm/QRV_Image.h
+    include/qrv_ipm/QRV_Log.h include/qrv_ipm/CWatchTime.h
+    lib/cmake/QRV_IPM/QRV_IPMConfig.cmake lib/pkgconfig/qrv_ipm.pc)
+  if(NOT EXISTS ${prefix}/${required})
+    message(FATAL_ERROR "the installed prefix lacks ${required}")
+  endif()
+endforeach()
+if(EXISTS ${prefix}/include/qrv_ipm/IpmLog.h)
+  message(FATAL_ERROR "the internal IpmLog.h must not be installed")
+endif()
+
+# CMake package.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/package/consumer -B ${WORK_DIR}/cmake-build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
+run(${WORK_DIR}/cmake-build/consumer)
+
+# pkg-config.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+execute_process(COMMAND pkg-config --cflags --libs qrv_ipm OUTPUT_VARIABLE flags
+                RESULT_VARIABLE code OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(NOT code EQUAL 0)
+  message(FATAL_ERROR "pkg-config does not know qrv_ipm")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+run(c++ ${SOURCE_DIR}/tests/package/consumer/consumer.cpp ${flags} -Wl,-rpath,${prefix}/lib
+    -o ${WORK_DIR}/pkgconfig-consumer)
+run(${WORK_DIR}/pkgconfig-consumer)
+message(STATUS "consumer built and ran through the CMake package and pkg-config")
