@@ -249,5 +249,9 @@ TEST(FunctionTableFirstUse, EightThreadsRacingTheFillAllDispatch)
 
 TEST(FunctionTableFirstUse, ExceptionInTheFillReachesTheCallerAndTheFillRunsAgain)
 {
+#ifdef QRV_TSAN_BUILD
+    GTEST_SKIP() << "ThreadSanitizer's pthread_once interceptor cannot unwind an exception out of "
+                    "std::call_once, so a retried fill would hang under TSan only";
+#endif
     runScenario("fill-throws");
 }
