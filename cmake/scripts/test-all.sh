@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds and tests every configuration (native, aarch64 under qemu, ASan+UBSan,
-# TSan) and closes with one line that sums them: "N passed, M failed".
+# TSan, the fuzz targets) and closes with one line that sums them: "N passed, M failed".
 set -uo pipefail
 cd "$(dirname "$0")/../.."
 jobs=${JOBS:-2}
-presets=${PRESETS:-native aarch64 asan tsan}
+presets=${PRESETS:-native aarch64 asan tsan fuzz}
 passed=0
 failed=0
 status=0
