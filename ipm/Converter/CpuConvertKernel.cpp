@@ -104,8 +104,10 @@ inline void chromaOffsets(uint8x16_t uv, int16x8_t& d, int16x8_t& e)
 // words by one table lookup, then a 4 x 4 transpose of the words.
 inline uint8x16x3_t loadPlanes16(const uint8_t* pixels)
 {
-    static const uint8_t kSortFirst[16] = {0, 3, 6, 9, 1, 4, 7, 10, 2, 5, 8, 11, kNoByte, kNoByte, kNoByte, kNoByte};
-    static const uint8_t kSortLast[16] = {4, 7, 10, 13, 5, 8, 11, 14, 6, 9, 12, 15, kNoByte, kNoByte, kNoByte, kNoByte};
+    static const uint8_t kSortFirst[16] = {0, 3, 6, 9, 1, 4, 7, 10, 2, 5, 8, 11, kNoByte, kNoByte, kNoByte,
+                                           kNoByte};
+    static const uint8_t kSortLast[16] = {4, 7, 10, 13, 5, 8, 11, 14, 6, 9, 12, 15, kNoByte, kNoByte, kNoByte,
+                                          kNoByte};
     const uint8x16_t sortFirst = vld1q_u8(kSortFirst);
     const uint32x4_t q0 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels), sortFirst));
     const uint32x4_t q1 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels + 12), sortFirst));
@@ -195,7 +197,8 @@ uint8x16_t yuvGatherTable(int layout)
 // so (64Y + t) >> 6 = Y + (t >> 6): the chroma terms are computed once per
 // pixel pair and added to Y with byte saturation.
 template <bool Swap>
-inline void yuvBlock16(const uint8_t* source, uint8_t* destination, uint8x16_t gather, const YuvCoefficients& k)
+inline void yuvBlock16(const uint8_t* source, uint8_t* destination, uint8x16_t gather,
+                       const YuvCoefficients& k)
 {
     const uint8x16_t first = vqtbl1q_u8(vld1q_u8(source), gather);
     const uint8x16_t second = vqtbl1q_u8(vld1q_u8(source + 16), gather);
@@ -326,7 +329,8 @@ void rgb888_to_gray8_c(const uint8_t* source, uint8_t* destination, int width, i
         uint8_t* out = destination + static_cast<size_t>(width) * row;
         for (int x = 0; x < covered; ++x) {
             const uint8_t* pixel = in + 3 * x;
-            out[x] = bgr ? grayFromRgb(pixel[2], pixel[1], pixel[0]) : grayFromRgb(pixel[0], pixel[1], pixel[2]);
+            out[x] = bgr ? grayFromRgb(pixel[2], pixel[1], pixel[0])
+                         : grayFromRgb(pixel[0], pixel[1], pixel[2]);
         }
     }
 }
