@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "Converter/PixelArithmetic.h"
+#include "Converter/ConverterCommon.h"
 
 #if defined(__aarch64__)
 #include <arm_neon.h>

@@ -1,9 +1,19 @@
-// Per-pixel arithmetic shared by the scalar converters and the kernels' models.
+// Addressing and per-pixel arithmetic shared by the converters and the
+// kernels' models.
 #pragma once
 
 #include <cstdint>
 
+#include "QRV_Image.h"
+
 namespace qrv_convert {
+
+// The first pixel lies dataOffset bytes into the buffer; an image without a
+// buffer has no address.
+inline uint8_t* firstPixel(const qrv_img::QRV_Image& image)
+{
+    return image.data ? image.data.get() + image.dataOffset : nullptr;
+}
 
 inline uint8_t clampToByte(int32_t value)
 {
