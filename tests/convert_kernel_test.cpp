@@ -66,9 +66,9 @@ struct YuvReference {
 };
 
 const YuvReference kYuvReferences[] = {
-    {16, 128, 128, {16, 16, 16}},  {235, 128, 128, {235, 235, 235}}, {128, 128, 128, {128, 128, 128}},
-    {81, 90, 240, {238, 13, 13}},  {145, 54, 34, {12, 238, 14}},     {41, 240, 110, {15, 15, 238}},
-    {0, 0, 0, {0, 136, 0}},        {255, 255, 255, {255, 120, 255}},
+    {16, 128, 128, {16, 16, 16}}, {235, 128, 128, {235, 235, 235}}, {128, 128, 128, {128, 128, 128}},
+    {81, 90, 240, {238, 13, 13}}, {145, 54, 34, {12, 238, 14}},     {41, 240, 110, {15, 15, 238}},
+    {0, 0, 0, {0, 136, 0}},       {255, 255, 255, {255, 120, 255}},
 };
 
 // One row of YUV 4:2:2 in the given layout, pair j holding reference j (mod
@@ -151,8 +151,8 @@ TEST(ConvertKernel, GrayReferenceValuesInBothByteOrders)
     const struct {
         Rgb rgb;
         uint8_t gray;
-    } references[] = {{{255, 255, 255}, 255}, {{255, 0, 0}, 77}, {{0, 255, 0}, 149}, {{0, 0, 255}, 29},
-                      {{10, 20, 30}, 18}};
+    } references[] = {
+        {{255, 255, 255}, 255}, {{255, 0, 0}, 77}, {{0, 255, 0}, 149}, {{0, 0, 255}, 29}, {{10, 20, 30}, 18}};
     // Width 28: a block of sixteen, a step of eight and a group of four.
     constexpr int kWidth = 28;
     for (const auto& kernel : kGrayKernels) {
@@ -223,13 +223,10 @@ std::vector<SweepCase> sweepCases()
         }
     }
     for (bool bgr : {false, true}) {
-        cases.push_back({std::string("gray") + (bgr ? " bgr" : ""), 3, 1,
-                         [=](const uint8_t* s, uint8_t* d, int w, int h) {
-                             rgb888_to_gray8_neon(s, d, w, h, bgr);
-                         },
-                         [=](const uint8_t* s, uint8_t* d, int w, int h) {
-                             rgb888_to_gray8_c(s, d, w, h, bgr);
-                         }});
+        cases.push_back(
+            {std::string("gray") + (bgr ? " bgr" : ""), 3, 1,
+             [=](const uint8_t* s, uint8_t* d, int w, int h) { rgb888_to_gray8_neon(s, d, w, h, bgr); },
+             [=](const uint8_t* s, uint8_t* d, int w, int h) { rgb888_to_gray8_c(s, d, w, h, bgr); }});
     }
     return cases;
 }

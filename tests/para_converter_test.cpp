@@ -38,7 +38,8 @@ void nothing(QRV_Image&, QRV_Image&) {}
 
 // Runs every case on a fresh valid pair and checks the code and that the
 // destination's bytes stay as they were.
-void checkCases(const std::string& entryName, const EntryPoint& entry, const std::vector<ValidationCase>& cases,
+void checkCases(const std::string& entryName, const EntryPoint& entry,
+                const std::vector<ValidationCase>& cases,
                 const std::function<void(QRV_Image&, QRV_Image&)>& makePair)
 {
     for (const auto& c : cases) {
@@ -96,7 +97,8 @@ std::vector<ValidationCase> yuvValidatorChecks()
     cases.push_back({"null destination", nothing, result::MissingImage, false, true});
     cases.push_back({"source RGB", [](QRV_Image& s, QRV_Image&) { s.format = En_ImageFormat::RGB888; },
                      result::FormatMismatch});
-    cases.push_back({"sub-format 1", [](QRV_Image& s, QRV_Image&) { s.subFormat = 1; }, result::FormatMismatch});
+    cases.push_back(
+        {"sub-format 1", [](QRV_Image& s, QRV_Image&) { s.subFormat = 1; }, result::FormatMismatch});
     cases.push_back({"destination gray", [](QRV_Image&, QRV_Image& d) { d.format = En_ImageFormat::Gray8; },
                      result::FormatMismatch});
     return cases;
@@ -127,7 +129,8 @@ std::vector<ValidationCase> kernelChecks()
 {
     return {
         {"source without pixels", [](QRV_Image& s, QRV_Image&) { s.data.reset(); }, result::MissingImage},
-        {"destination without pixels", [](QRV_Image&, QRV_Image& d) { d.data.reset(); }, result::MissingImage},
+        {"destination without pixels", [](QRV_Image&, QRV_Image& d) { d.data.reset(); },
+         result::MissingImage},
         {"destination narrower", [](QRV_Image&, QRV_Image& d) { d.width = 4; }, result::BadSize},
         {"destination taller", [](QRV_Image&, QRV_Image& d) { d.height = 3; }, result::BadSize},
         {"destination without pixels and shorter",
@@ -209,16 +212,20 @@ TEST(ParaConverter, EveryConversionCheckRefusesWithItsCodeAndWritesNothing)
          result::FormatMismatch},
     };
     grayCases = joined(joined(geometryChecks(), grayCases), kernelChecks());
-    checkCases("ConvertRGB888_To_Gray8",
-               [&](const QRV_Image* s, QRV_Image* d) { return converter.ConvertRGB888_To_Gray8(s, d, nullptr, nullptr); },
-               grayCases, makeGrayPair);
+    checkCases(
+        "ConvertRGB888_To_Gray8",
+        [&](const QRV_Image* s, QRV_Image* d) {
+            return converter.ConvertRGB888_To_Gray8(s, d, nullptr, nullptr);
+        },
+        grayCases, makeGrayPair);
 }
 
 TEST(ParaConverter, TraceLinesFollowTheChecks)
 {
     CCpuParaConverter converter;
     const std::string conversionLine =
-        "int CCpuParaConverter::ConvertYUV422_8_To_RGB888(const qrv_img::QRV_Image*, qrv_img::QRV_Image*, void*, "
+        "int CCpuParaConverter::ConvertYUV422_8_To_RGB888(const qrv_img::QRV_Image*, qrv_img::QRV_Image*, "
+        "void*, "
         "void*)";
     const std::string validatorLine =
         "static int CCpuParaConverter::validateYUV422ToRGB_(const qrv_img::QRV_Image*, qrv_img::QRV_Image*)";
@@ -237,14 +244,16 @@ TEST(ParaConverter, TraceLinesFollowTheChecks)
         }
         return functions;
     };
-    EXPECT_EQ(functionsLogged(&source, &destination), (std::vector<std::string>{conversionLine, validatorLine}));
+    EXPECT_EQ(functionsLogged(&source, &destination),
+              (std::vector<std::string>{conversionLine, validatorLine}));
     EXPECT_EQ(functionsLogged(&source, nullptr), std::vector<std::string>{});
     EXPECT_EQ(functionsLogged(nullptr, &destination), std::vector<std::string>{conversionLine});
     source.subFormat = 1;
     EXPECT_EQ(functionsLogged(&source, &destination), std::vector<std::string>{conversionLine});
     source.subFormat = 0;
     destination.width = 4;
-    EXPECT_EQ(functionsLogged(&source, &destination), (std::vector<std::string>{conversionLine, validatorLine}));
+    EXPECT_EQ(functionsLogged(&source, &destination),
+              (std::vector<std::string>{conversionLine, validatorLine}));
 
     qrvtest::LogCapture capture;
     QRV_Image rgb = makeImage(4, 1, En_ImageFormat::RGB888);
@@ -252,7 +261,8 @@ TEST(ParaConverter, TraceLinesFollowTheChecks)
     ASSERT_EQ(converter.ConvertRGB888_To_Gray8(&rgb, &gray, nullptr, nullptr), result::Success);
     EXPECT_EQ(capture.texts(kLogFile), (std::vector<std::string>{"Called", "Called"}));
     EXPECT_EQ(capture.records().at(0).function,
-              "int CCpuParaConverter::ConvertRGB888_To_Gray8(const qrv_img::QRV_Image*, qrv_img::QRV_Image*, void*, "
+              "int CCpuParaConverter::ConvertRGB888_To_Gray8(const qrv_img::QRV_Image*, qrv_img::QRV_Image*, "
+              "void*, "
               "void*)");
 }
 
@@ -260,9 +270,10 @@ TEST(ParaConverter, YuvReferenceValuesInEveryLayoutAndOrder)
 {
     const struct {
         uint8_t y, u, v, r, g, b;
-    } references[] = {{16, 128, 128, 16, 16, 16}, {235, 128, 128, 235, 235, 235}, {128, 128, 128, 128, 128, 128},
-                      {81, 90, 240, 238, 13, 13},  {145, 54, 34, 12, 238, 14},      {41, 240, 110, 15, 15, 238},
-                      {0, 0, 0, 0, 136, 0},        {255, 255, 255, 255, 120, 255}};
+    } references[] = {{16, 128, 128, 16, 16, 16},     {235, 128, 128, 235, 235, 235},
+                      {128, 128, 128, 128, 128, 128}, {81, 90, 240, 238, 13, 13},
+                      {145, 54, 34, 12, 238, 14},     {41, 240, 110, 15, 15, 238},
+                      {0, 0, 0, 0, 136, 0},           {255, 255, 255, 255, 120, 255}};
     constexpr uint32_t kPairs = std::size(references);
     CCpuParaConverter converter;
     // Layouts outside UYVY, YVYU and VYUY read as YUYV.
@@ -277,7 +288,8 @@ TEST(ParaConverter, YuvReferenceValuesInEveryLayoutAndOrder)
             }
             source.yuvLayout = layout;
             QRV_Image destination = makeImage(2 * kPairs, 1, conversion.destination, 0, kCanary);
-            ASSERT_EQ((converter.*conversion.convert)(&source, &destination, nullptr, nullptr), result::Success);
+            ASSERT_EQ((converter.*conversion.convert)(&source, &destination, nullptr, nullptr),
+                      result::Success);
             const bool bgr = conversion.destination == En_ImageFormat::BGR888;
             for (uint32_t x = 0; x < 2 * kPairs; ++x) {
                 const auto& ref = references[x / 2];
@@ -301,7 +313,8 @@ TEST(ParaConverter, WidthsOfFourAndTwelveAreConvertedWhole)
         yuv422_to_rgb888_c_layout(source.data.get(), expected.data(), static_cast<int>(width), 3, false, 3);
         for (uint8_t canary : {uint8_t{0x00}, uint8_t{0xFF}}) {
             QRV_Image destination = makeImage(width, 3, En_ImageFormat::RGB888, 0, canary);
-            ASSERT_EQ(converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr), result::Success);
+            ASSERT_EQ(converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr),
+                      result::Success);
             EXPECT_EQ(pixelBytes(destination), expected) << "width " << width;
         }
     }
@@ -317,7 +330,8 @@ TEST(ParaConverter, GrayMatchesTheSerialConverter)
             qrvtest::fillRandom(source, width + 1);
             QRV_Image fromParallel = makeImage(width, 5, En_ImageFormat::Gray8);
             QRV_Image fromSerial = makeImage(width, 5, En_ImageFormat::Gray8);
-            ASSERT_EQ(parallel.ConvertRGB888_To_Gray8(&source, &fromParallel, nullptr, nullptr), result::Success);
+            ASSERT_EQ(parallel.ConvertRGB888_To_Gray8(&source, &fromParallel, nullptr, nullptr),
+                      result::Success);
             ASSERT_EQ(serial.ConvertRGB888_To_Gray8(&source, &fromSerial, nullptr, nullptr), result::Success);
             EXPECT_EQ(pixelBytes(fromParallel), pixelBytes(fromSerial)) << "width " << width;
         }
@@ -331,7 +345,8 @@ TEST(ParaConverter, PixelsStartAtTheDataOffset)
     plainSource.yuvLayout = 11;
     qrvtest::fillRandom(plainSource, 21);
     QRV_Image plainBgr = makeImage(8, 2, En_ImageFormat::BGR888);
-    ASSERT_EQ(converter.ConvertYUV422_8_To_BGR888(&plainSource, &plainBgr, nullptr, nullptr), result::Success);
+    ASSERT_EQ(converter.ConvertYUV422_8_To_BGR888(&plainSource, &plainBgr, nullptr, nullptr),
+              result::Success);
     QRV_Image plainGray = makeImage(8, 2, En_ImageFormat::Gray8);
     ASSERT_EQ(converter.ConvertRGB888_To_Gray8(&plainBgr, &plainGray, nullptr, nullptr), result::Success);
 
@@ -362,7 +377,8 @@ TEST(ParaConverter, CoresConvertWithoutChecksInTheImagesByteOrder)
     CCpuParaConverter::rgb888_to_gray8_core_(bgr, gray);
     EXPECT_EQ(capture.texts(kLogFile), (std::vector<std::string>{"Called", "Called"}));
     EXPECT_EQ(capture.records().at(0).function,
-              "static void CCpuParaConverter::yuv422_to_rgb888_core_(const qrv_img::QRV_Image&, qrv_img::QRV_Image&)");
+              "static void CCpuParaConverter::yuv422_to_rgb888_core_(const qrv_img::QRV_Image&, "
+              "qrv_img::QRV_Image&)");
 
     std::vector<uint8_t> expectedBgr(8 * 2 * 3);
     yuv422_to_rgb888_c_layout(source.data.get(), expectedBgr.data(), 8, 2, true, 2);

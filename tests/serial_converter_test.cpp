@@ -101,7 +101,8 @@ const std::vector<ValidationCase> kYuvChecks = {
     {"source without pixels", [](QRV_Image& s, QRV_Image&) { s.data.reset(); }, result::MissingImage},
     {"destination without pixels", [](QRV_Image&, QRV_Image& d) { d.data.reset(); }, result::MissingImage},
     {"source not YUV", [](QRV_Image& s, QRV_Image&) { s.format = En_ImageFormat::RGB888; }, result::Mismatch},
-    {"destination gray", [](QRV_Image&, QRV_Image& d) { d.format = En_ImageFormat::Gray8; }, result::Mismatch},
+    {"destination gray", [](QRV_Image&, QRV_Image& d) { d.format = En_ImageFormat::Gray8; },
+     result::Mismatch},
     {"widths differ", [](QRV_Image&, QRV_Image& d) { d.width = 6; }, result::Mismatch},
     {"heights differ", [](QRV_Image&, QRV_Image& d) { d.height = 1; }, result::Mismatch},
     {"odd width", [](QRV_Image& s, QRV_Image& d) { s.width = d.width = 5; }, result::Mismatch},
@@ -121,7 +122,8 @@ const std::vector<ValidationCase> kGrayChecks = {
     {"destination without pixels", [](QRV_Image&, QRV_Image& d) { d.data.reset(); }, result::MissingImage},
     {"source gray", [](QRV_Image& s, QRV_Image&) { s.format = En_ImageFormat::Gray8; }, result::Mismatch},
     {"source YUV", [](QRV_Image& s, QRV_Image&) { s.format = En_ImageFormat::YUV422_8; }, result::Mismatch},
-    {"destination RGB", [](QRV_Image&, QRV_Image& d) { d.format = En_ImageFormat::RGB888; }, result::Mismatch},
+    {"destination RGB", [](QRV_Image&, QRV_Image& d) { d.format = En_ImageFormat::RGB888; },
+     result::Mismatch},
     {"widths differ", [](QRV_Image&, QRV_Image& d) { d.width = 4; }, result::Mismatch},
     {"heights differ", [](QRV_Image&, QRV_Image& d) { d.height = 3; }, result::Mismatch},
     {"no destination pixels and sizes differ",
@@ -140,22 +142,30 @@ TEST(SerialConverter, EveryValidationCheckRefusesWithItsCodeAndWritesNothing)
     for (const auto& conversion : kYuvConversions) {
         const auto pair = [&](QRV_Image& s, QRV_Image& d) { makeYuvPair(s, d, conversion.destination); };
         checkCases("validateYUV422ToRGB_", CCpuSerialConverter::validateYUV422ToRGB_, kYuvChecks, pair);
-        checkCases(conversion.name,
-                   [&](const QRV_Image* s, QRV_Image* d) { return (converter.*conversion.convert)(s, d, nullptr, nullptr); },
-                   kYuvChecks, pair);
+        checkCases(
+            conversion.name,
+            [&](const QRV_Image* s, QRV_Image* d) {
+                return (converter.*conversion.convert)(s, d, nullptr, nullptr);
+            },
+            kYuvChecks, pair);
     }
-    checkCases("validateRGB888ToGray8_", CCpuSerialConverter::validateRGB888ToGray8_, kGrayChecks, makeGrayPair);
-    checkCases("ConvertRGB888_To_Gray8",
-               [&](const QRV_Image* s, QRV_Image* d) { return converter.ConvertRGB888_To_Gray8(s, d, nullptr, nullptr); },
-               kGrayChecks, makeGrayPair);
+    checkCases("validateRGB888ToGray8_", CCpuSerialConverter::validateRGB888ToGray8_, kGrayChecks,
+               makeGrayPair);
+    checkCases(
+        "ConvertRGB888_To_Gray8",
+        [&](const QRV_Image* s, QRV_Image* d) {
+            return converter.ConvertRGB888_To_Gray8(s, d, nullptr, nullptr);
+        },
+        kGrayChecks, makeGrayPair);
 }
 
 TEST(SerialConverter, YuvConversionsDemandTheirOwnDestinationOrder)
 {
     CCpuSerialConverter converter;
     for (const auto& conversion : kYuvConversions) {
-        const En_ImageFormat other = conversion.destination == En_ImageFormat::RGB888 ? En_ImageFormat::BGR888
-                                                                                      : En_ImageFormat::RGB888;
+        const En_ImageFormat other = conversion.destination == En_ImageFormat::RGB888
+                                         ? En_ImageFormat::BGR888
+                                         : En_ImageFormat::RGB888;
         QRV_Image source;
         QRV_Image destination;
         makeYuvPair(source, destination, other);
@@ -171,9 +181,10 @@ TEST(SerialConverter, YuvReferenceValuesInEveryLayoutAndOrder)
     const struct {
         uint8_t y, u, v;
         Rgb rgb;
-    } references[] = {{16, 128, 128, {0, 0, 0}},   {235, 128, 128, {255, 255, 255}}, {128, 128, 128, {130, 130, 130}},
-                      {81, 90, 240, {255, 0, 0}},  {145, 54, 34, {0, 255, 1}},        {41, 240, 110, {0, 0, 255}},
-                      {10, 128, 128, {0, 0, 0}},   {0, 0, 0, {0, 154, 0}}};
+    } references[] = {{16, 128, 128, {0, 0, 0}},        {235, 128, 128, {255, 255, 255}},
+                      {128, 128, 128, {130, 130, 130}}, {81, 90, 240, {255, 0, 0}},
+                      {145, 54, 34, {0, 255, 1}},       {41, 240, 110, {0, 0, 255}},
+                      {10, 128, 128, {0, 0, 0}},        {0, 0, 0, {0, 154, 0}}};
     constexpr uint32_t kPairs = std::size(references);
     CCpuSerialConverter converter;
     for (int32_t layout = 10; layout <= 13; ++layout) {
@@ -185,7 +196,8 @@ TEST(SerialConverter, YuvReferenceValuesInEveryLayoutAndOrder)
                 qrvtest::setYuvPair(source, pair, ref.y, ref.u, ref.y, ref.v);
             }
             QRV_Image destination = makeImage(2 * kPairs, 1, conversion.destination, 0, kCanary);
-            ASSERT_EQ((converter.*conversion.convert)(&source, &destination, nullptr, nullptr), result::Success);
+            ASSERT_EQ((converter.*conversion.convert)(&source, &destination, nullptr, nullptr),
+                      result::Success);
             for (uint32_t x = 0; x < 2 * kPairs; ++x) {
                 EXPECT_EQ(pixelAt(destination, x), references[x / 2].rgb)
                     << conversion.name << " layout " << layout << " pixel " << x;
@@ -211,8 +223,8 @@ TEST(SerialConverter, GrayReferenceValuesFromRgbAndBgrSources)
     const struct {
         Rgb rgb;
         uint8_t gray;
-    } references[] = {{{255, 255, 255}, 255}, {{255, 0, 0}, 77}, {{0, 255, 0}, 149}, {{0, 0, 255}, 29},
-                      {{10, 20, 30}, 18}};
+    } references[] = {
+        {{255, 255, 255}, 255}, {{255, 0, 0}, 77}, {{0, 255, 0}, 149}, {{0, 0, 255}, 29}, {{10, 20, 30}, 18}};
     constexpr uint32_t kWidth = std::size(references);  // odd widths are fine here
     CCpuSerialConverter converter;
     for (En_ImageFormat format : {En_ImageFormat::RGB888, En_ImageFormat::BGR888}) {
@@ -245,7 +257,8 @@ TEST(SerialConverter, EmptyImagesAndUnknownLayoutsSucceedWithoutWriting)
         QRV_Image source = makeImage(size.first, size.second, En_ImageFormat::YUV422_8);
         source.yuvLayout = 10;
         QRV_Image destination = makeImage(size.first, size.second, En_ImageFormat::RGB888);
-        EXPECT_EQ(converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr), result::Success);
+        EXPECT_EQ(converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr),
+                  result::Success);
         QRV_Image rgb = makeImage(size.first, size.second, En_ImageFormat::RGB888);
         QRV_Image gray = makeImage(size.first, size.second, En_ImageFormat::Gray8);
         EXPECT_EQ(converter.ConvertRGB888_To_Gray8(&rgb, &gray, nullptr, nullptr), result::Success);
@@ -255,7 +268,8 @@ TEST(SerialConverter, EmptyImagesAndUnknownLayoutsSucceedWithoutWriting)
         qrvtest::fillRandom(source, 9);
         source.yuvLayout = layout;
         QRV_Image destination = makeImage(4, 2, En_ImageFormat::BGR888, 0, kCanary);
-        EXPECT_EQ(converter.ConvertYUV422_8_To_BGR888(&source, &destination, nullptr, nullptr), result::Success);
+        EXPECT_EQ(converter.ConvertYUV422_8_To_BGR888(&source, &destination, nullptr, nullptr),
+                  result::Success);
         EXPECT_EQ(pixelBytes(destination), std::vector<uint8_t>(destination.dataSize, kCanary)) << layout;
     }
 }
@@ -267,7 +281,8 @@ TEST(SerialConverter, PixelsStartAtTheDataOffset)
     plainSource.yuvLayout = 12;
     qrvtest::fillRandom(plainSource, 11);
     QRV_Image plainRgb = makeImage(6, 3, En_ImageFormat::RGB888);
-    ASSERT_EQ(converter.ConvertYUV422_8_To_RGB888(&plainSource, &plainRgb, nullptr, nullptr), result::Success);
+    ASSERT_EQ(converter.ConvertYUV422_8_To_RGB888(&plainSource, &plainRgb, nullptr, nullptr),
+              result::Success);
     QRV_Image plainGray = makeImage(6, 3, En_ImageFormat::Gray8);
     ASSERT_EQ(converter.ConvertRGB888_To_Gray8(&plainRgb, &plainGray, nullptr, nullptr), result::Success);
 

@@ -115,16 +115,20 @@ int CCpuParaConverter::validateRGB888ToGray8_(const QRV_Image* source, QRV_Image
     return simdCheck();
 }
 
-int CCpuParaConverter::ConvertYUV422_8_To_RGB888(const QRV_Image* source, QRV_Image* destination, void*, void*)
+int CCpuParaConverter::ConvertYUV422_8_To_RGB888(const QRV_Image* source, QRV_Image* destination, void*,
+                                                 void*)
 {
-    if (destination == nullptr || destination->format != En_ImageFormat::RGB888) return result::FormatMismatch;
+    if (destination == nullptr || destination->format != En_ImageFormat::RGB888)
+        return result::FormatMismatch;
     IPM_LOG(Trace, L"Called");
     return convertYuv(source, destination, false);
 }
 
-int CCpuParaConverter::ConvertYUV422_8_To_BGR888(const QRV_Image* source, QRV_Image* destination, void*, void*)
+int CCpuParaConverter::ConvertYUV422_8_To_BGR888(const QRV_Image* source, QRV_Image* destination, void*,
+                                                 void*)
 {
-    if (destination == nullptr || destination->format != En_ImageFormat::BGR888) return result::FormatMismatch;
+    if (destination == nullptr || destination->format != En_ImageFormat::BGR888)
+        return result::FormatMismatch;
     IPM_LOG(Trace, L"Called");
     return convertYuv(source, destination, true);
 }

@@ -99,7 +99,8 @@ int CCpuSerialConverter::validateRGB888ToGray8_(const QRV_Image* source, QRV_Ima
     return result::Success;
 }
 
-int CCpuSerialConverter::ConvertYUV422_8_To_RGB888(const QRV_Image* source, QRV_Image* destination, void*, void*)
+int CCpuSerialConverter::ConvertYUV422_8_To_RGB888(const QRV_Image* source, QRV_Image* destination, void*,
+                                                   void*)
 {
     // The first conversion a host runs may be what makes the library describe
     // the machine.
@@ -107,7 +108,8 @@ int CCpuSerialConverter::ConvertYUV422_8_To_RGB888(const QRV_Image* source, QRV_
     return convertYuv(source, destination, En_ImageFormat::RGB888);
 }
 
-int CCpuSerialConverter::ConvertYUV422_8_To_BGR888(const QRV_Image* source, QRV_Image* destination, void*, void*)
+int CCpuSerialConverter::ConvertYUV422_8_To_BGR888(const QRV_Image* source, QRV_Image* destination, void*,
+                                                   void*)
 {
     return convertYuv(source, destination, En_ImageFormat::BGR888);
 }

@@ -58,7 +58,6 @@ inline void chromaOffsets(uint8x16_t uv, int16x8_t& d, int16x8_t& e)
     e = vreinterpretq_s16_u16(vsubl_high_u8(uv, vdupq_n_u8(128)));
 }
 
-
 // Sixteen pixels of three bytes each, as byte 0, byte 1 and byte 2 planes.
 inline uint8x16x3_t loadPlanes16(const uint8_t* pixels)
 {
@@ -98,16 +97,15 @@ inline void chromaOffsets(uint8x16_t uv, int16x8_t& d, int16x8_t& e)
     e = vsubq_s16(vreinterpretq_s16_u8(vzip2q_u8(uv, zero)), bias);
 }
 
-
 // Four loads of four whole pixels each (the last one starts four bytes early
 // so that it ends with the block), each sorted into byte-0, byte-1 and byte-2
 // words by one table lookup, then a 4 x 4 transpose of the words.
 inline uint8x16x3_t loadPlanes16(const uint8_t* pixels)
 {
-    static const uint8_t kSortFirst[16] = {0, 3, 6, 9, 1, 4, 7, 10, 2, 5, 8, 11, kNoByte, kNoByte, kNoByte,
-                                           kNoByte};
-    static const uint8_t kSortLast[16] = {4, 7, 10, 13, 5, 8, 11, 14, 6, 9, 12, 15, kNoByte, kNoByte, kNoByte,
-                                          kNoByte};
+    static const uint8_t kSortFirst[16] = {0, 3, 6, 9,  1,       4,       7,       10,
+                                           2, 5, 8, 11, kNoByte, kNoByte, kNoByte, kNoByte};
+    static const uint8_t kSortLast[16] = {4, 7, 10, 13, 5,       8,       11,      14,
+                                          6, 9, 12, 15, kNoByte, kNoByte, kNoByte, kNoByte};
     const uint8x16_t sortFirst = vld1q_u8(kSortFirst);
     const uint32x4_t q0 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels), sortFirst));
     const uint32x4_t q1 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels + 12), sortFirst));
@@ -329,8 +327,8 @@ void rgb888_to_gray8_c(const uint8_t* source, uint8_t* destination, int width, i
         uint8_t* out = destination + static_cast<size_t>(width) * row;
         for (int x = 0; x < covered; ++x) {
             const uint8_t* pixel = in + 3 * x;
-            out[x] = bgr ? grayFromRgb(pixel[2], pixel[1], pixel[0])
-                         : grayFromRgb(pixel[0], pixel[1], pixel[2]);
+            out[x] =
+                bgr ? grayFromRgb(pixel[2], pixel[1], pixel[0]) : grayFromRgb(pixel[0], pixel[1], pixel[2]);
         }
     }
 }

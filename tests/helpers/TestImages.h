@@ -13,8 +13,8 @@ constexpr uint8_t kPrefixByte = 0xCD;  // fills the bytes before the first pixel
 
 // An image owning width x height pixels after `offset` bytes of kPrefixByte,
 // its pixel bytes set to `fill`.
-qrv_img::QRV_Image makeImage(uint32_t width, uint32_t height, qrv_img::En_ImageFormat format, int64_t offset = 0,
-                             uint8_t fill = 0);
+qrv_img::QRV_Image makeImage(uint32_t width, uint32_t height, qrv_img::En_ImageFormat format,
+                             int64_t offset = 0, uint8_t fill = 0);
 
 // The pixel bytes (from the first pixel on) and the whole buffer.
 std::vector<uint8_t> pixelBytes(const qrv_img::QRV_Image& image);
