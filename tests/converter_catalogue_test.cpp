@@ -11,6 +11,7 @@
 #include "CIpmFuncTable.h"
 #include "Converter/CConverter.h"
 #include "LogCapture.h"
+#include "NoOpenClVendors.h"
 #include "Subprocess.h"
 #include "TestImages.h"
 

@@ -10,6 +10,7 @@
 #include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
 #include "LogCapture.h"
+#include "NoOpenClVendors.h"
 #include "Subprocess.h"
 #include "TestImages.h"
 

@@ -6,6 +6,7 @@
 
 #include "Converter/CCpuSerialConverter.h"
 #include "IpmTypes.h"
+#include "NoOpenClVendors.h"
 #include "Subprocess.h"
 #include "TestImages.h"
 
