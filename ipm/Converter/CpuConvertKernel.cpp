@@ -226,17 +226,19 @@ void yuvRows(const uint8_t* source, uint8_t* destination, int width, int height,
     const int rest = coveredPixels(width) - 16 * blocks;
     const YuvCoefficients k = yuvCoefficients();
     for (int row = 0; row < height; ++row, source += sourceRow, destination += destinationRow) {
-        for (int block = 0; block < blocks; ++block) {
-            yuvBlock16<Swap>(source + 32 * block, destination + 48 * block, gather, k);
+        const uint8_t* in = source;
+        uint8_t* out = destination;
+        for (const uint8_t* end = source + 32 * static_cast<size_t>(blocks); in != end; in += 32, out += 48) {
+            yuvBlock16<Swap>(in, out, gather, k);
         }
         if (rest > 0) {
             // The last 4, 8 or 12 pixels go through scratch blocks, so nothing
             // beyond the row is read or written.
-            uint8_t in[32] = {};
-            uint8_t out[48];
-            std::memcpy(in, source + 32 * blocks, 2 * static_cast<size_t>(rest));
-            yuvBlock16<Swap>(in, out, gather, k);
-            std::memcpy(destination + 48 * blocks, out, 3 * static_cast<size_t>(rest));
+            uint8_t scratchIn[32] = {};
+            uint8_t scratchOut[48];
+            std::memcpy(scratchIn, in, 2 * static_cast<size_t>(rest));
+            yuvBlock16<Swap>(scratchIn, scratchOut, gather, k);
+            std::memcpy(out, scratchOut, 3 * static_cast<size_t>(rest));
         }
     }
 }
@@ -248,15 +250,17 @@ void grayRows(const uint8_t* source, uint8_t* destination, int width, int height
     const int blocks = width / 16;
     const int rest = coveredPixels(width) - 16 * blocks;
     for (int row = 0; row < height; ++row, source += sourceRow, destination += destinationRow) {
-        for (int block = 0; block < blocks; ++block) {
-            vst1q_u8(destination + 16 * block, weighGray16(loadPlanes16(source + 48 * block), weights));
+        const uint8_t* in = source;
+        uint8_t* out = destination;
+        for (const uint8_t* end = source + 48 * static_cast<size_t>(blocks); in != end; in += 48, out += 16) {
+            vst1q_u8(out, weighGray16(loadPlanes16(in), weights));
         }
         if (rest > 0) {
-            uint8_t in[48] = {};
-            uint8_t out[16];
-            std::memcpy(in, source + 48 * blocks, 3 * static_cast<size_t>(rest));
-            vst1q_u8(out, weighGray16(loadPlanes16(in), weights));
-            std::memcpy(destination + 16 * blocks, out, static_cast<size_t>(rest));
+            uint8_t scratchIn[48] = {};
+            uint8_t scratchOut[16];
+            std::memcpy(scratchIn, in, 3 * static_cast<size_t>(rest));
+            vst1q_u8(scratchOut, weighGray16(loadPlanes16(scratchIn), weights));
+            std::memcpy(out, scratchOut, static_cast<size_t>(rest));
         }
     }
 }
