@@ -27,6 +27,7 @@ bench: deps
 	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
 	@cmake --build --preset native -j $(JOBS) --target converter_bench
 	$(BENCH_OUT)/converter_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+		--benchmark_min_time=0.2 --benchmark_color=false \
 		--benchmark_out=$(BENCH_OUT)/converter_bench.json --benchmark_out_format=json \
 		| tee $(BENCH_OUT)/converter_bench.txt
 	@echo "results: $(BENCH_OUT)/converter_bench.txt and $(BENCH_OUT)/converter_bench.json"

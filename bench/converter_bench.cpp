@@ -1,14 +1,16 @@
 // Throughput of the conversions, serial and parallel, beside a naive loop of
 // the serial formula, libyuv and OpenCV (when the build found them), at three
-// frame sizes. Every row reports megapixels per second and x_mem: its time
-// over the time memcpy needs, in the same run, to move as many bytes as the
-// conversion reads plus writes (the machine's memory limit for that work).
+// frame sizes. Each conversion and size also has a memory_limit row: memcpy
+// moving as many bytes as the conversion reads plus writes (it copies half of
+// that number, reading and writing each byte). After the runs a summary gives
+// every row's median CPU time, megapixels per second and time over its memory
+// limit, all from the same run.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <string>
@@ -30,15 +32,6 @@ using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
 
 namespace {
-
-// Time on this thread's CPU clock, so that the other work on a shared machine
-// counts as little as possible.
-double threadSeconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
 
 struct Size {
     uint32_t width, height;
@@ -63,55 +56,62 @@ QRV_Image makeFilled(Size size, En_ImageFormat format)
     return image;
 }
 
-// Median time of memcpy over (in + out) / 2 bytes per pixel, which moves the
-// same number of bytes as the conversion; measured once per byte count.
-double memoryLimitSeconds(size_t bytes)
+// Runs `work` in the benchmark loop and reports pixels per second.
+void measure(benchmark::State& state, Size size, const std::function<void()>& work)
 {
-    static std::map<size_t, double> measured;
-    const auto found = measured.find(bytes);
-    if (found != measured.end()) return found->second;
-    std::vector<uint8_t> from(bytes, 1);
-    std::vector<uint8_t> to(bytes, 2);
-    std::vector<double> times;
-    for (int run = 0; run < 25; ++run) {
-        const double start = threadSeconds();
-        std::memcpy(to.data(), from.data(), bytes);
-        benchmark::ClobberMemory();
-        times.push_back(threadSeconds() - start);
-    }
-    std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-    return measured[bytes] = times[times.size() / 2];
-}
-
-size_t equivalentCopyBytes(Size size, Traffic traffic)
-{
-    return static_cast<size_t>(size.width) * size.height * (traffic.in + traffic.out) / 2;
-}
-
-// Runs `work` in the benchmark loop and reports the rate and the share of
-// the memory limit.
-void measure(benchmark::State& state, Size size, Traffic traffic, const std::function<void()>& work)
-{
-    const double limit = memoryLimitSeconds(equivalentCopyBytes(size, traffic));
     work();
-    const double start = threadSeconds();
     for (auto _ : state) {
         work();
         benchmark::ClobberMemory();
     }
-    const double perIteration = (threadSeconds() - start) / static_cast<double>(state.iterations());
     const double pixels = static_cast<double>(size.width) * size.height;
     state.counters["px/s"] = benchmark::Counter(pixels, benchmark::Counter::kIsIterationInvariantRate);
-    state.counters["x_mem"] = perIteration / limit;
 }
 
 void memoryLimit(benchmark::State& state, Size size, Traffic traffic)
 {
-    const size_t bytes = equivalentCopyBytes(size, traffic);
+    const size_t bytes = static_cast<size_t>(size.width) * size.height * (traffic.in + traffic.out) / 2;
     std::vector<uint8_t> from(bytes, 1);
     std::vector<uint8_t> to(bytes, 2);
-    measure(state, size, traffic, [&] { std::memcpy(to.data(), from.data(), bytes); });
+    measure(state, size, [&] { std::memcpy(to.data(), from.data(), bytes); });
 }
+
+// Prints, after the usual output, one table of medians (or single runs) per
+// conversion and size, with each row's time over its memory_limit row.
+class SummaryReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+            const std::string name = run.run_name.str();
+            if (times_.find(name) == times_.end()) order_.push_back(name);
+            times_[name] = run.GetAdjustedCPUTime();
+        }
+    }
+
+    void Finalize() override
+    {
+        ConsoleReporter::Finalize();
+        std::printf("\n%-44s %10s %10s %10s\n", "conversion/implementation/size", "ms", "Mpx/s", "x memory");
+        for (const std::string& name : order_) {
+            const size_t first = name.find('/');
+            const size_t last = name.rfind('/');
+            const std::string limit = name.substr(0, first) + "/memory_limit" + name.substr(last);
+            const std::string size = name.substr(last + 1);
+            const double pixels = std::stod(size) * std::stod(size.substr(size.find('x') + 1));
+            const double ms = times_[name];
+            const auto found = times_.find(limit);
+            const double ratio = found == times_.end() ? 0.0 : ms / found->second;
+            std::printf("%-44s %10.3f %10.0f %10.2f\n", name.c_str(), ms, pixels / (ms * 1e3), ratio);
+        }
+    }
+
+private:
+    std::vector<std::string> order_;
+    std::map<std::string, double> times_;
+};
 
 // The serial formulas written the plainest way: one pixel at a time, every
 // term recomputed, YUYV and RGB order only.
@@ -151,8 +151,7 @@ void registerAll()
     for (const Size size : kSizes) {
         const std::string suffix = "/" + std::to_string(size.width) + "x" + std::to_string(size.height);
         const auto add = [&](const std::string& name, auto function) {
-            benchmark::RegisterBenchmark((name + suffix).c_str(), function)
-                ->Unit(benchmark::kMillisecond);
+            benchmark::RegisterBenchmark((name + suffix).c_str(), function)->Unit(benchmark::kMillisecond);
         };
 
         add("yuyv_to_rgb/memory_limit", [size](benchmark::State& s) { memoryLimit(s, size, kYuvTraffic); });
@@ -160,20 +159,20 @@ void registerAll()
             const QRV_Image source = makeFilled(size, En_ImageFormat::YUV422_8);
             QRV_Image destination(size.width, size.height, En_ImageFormat::RGB888, true, 1);
             CCpuSerialConverter converter;
-            measure(s, size, kYuvTraffic,
+            measure(s, size,
                     [&] { converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr); });
         });
         add("yuyv_to_rgb/parallel", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::YUV422_8);
             QRV_Image destination(size.width, size.height, En_ImageFormat::RGB888, true, 1);
             CCpuParaConverter converter;
-            measure(s, size, kYuvTraffic,
+            measure(s, size,
                     [&] { converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr); });
         });
         add("yuyv_to_rgb/naive_loop", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::YUV422_8);
             QRV_Image destination(size.width, size.height, En_ImageFormat::RGB888, true, 1);
-            measure(s, size, kYuvTraffic, [&] {
+            measure(s, size, [&] {
                 naiveYuyvToRgb(source.data.get(), destination.data.get(), size.width, size.height);
             });
         });
@@ -184,7 +183,7 @@ void registerAll()
             std::vector<uint8_t> argb(4 * static_cast<size_t>(size.width) * size.height);
             const int w = static_cast<int>(size.width);
             const int h = static_cast<int>(size.height);
-            measure(s, size, kYuvTraffic, [&] {
+            measure(s, size, [&] {
                 libyuv::YUY2ToARGB(source.data.get(), 2 * w, argb.data(), 4 * w, w, h);
                 libyuv::ARGBToRGB24(argb.data(), 4 * w, destination.data.get(), 3 * w, w, h);
             });
@@ -198,7 +197,7 @@ void registerAll()
             const int h = static_cast<int>(size.height);
             const cv::Mat in(h, w, CV_8UC2, source.data.get());
             cv::Mat out(h, w, CV_8UC3, destination.data.get());
-            measure(s, size, kYuvTraffic, [&] { cv::cvtColor(in, out, cv::COLOR_YUV2RGB_YUYV); });
+            measure(s, size, [&] { cv::cvtColor(in, out, cv::COLOR_YUV2RGB_YUYV); });
         });
 #endif
 
@@ -207,20 +206,20 @@ void registerAll()
             const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
             QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
             CCpuSerialConverter converter;
-            measure(s, size, kGrayTraffic,
+            measure(s, size,
                     [&] { converter.ConvertRGB888_To_Gray8(&source, &destination, nullptr, nullptr); });
         });
         add("rgb_to_gray/parallel", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
             QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
             CCpuParaConverter converter;
-            measure(s, size, kGrayTraffic,
+            measure(s, size,
                     [&] { converter.ConvertRGB888_To_Gray8(&source, &destination, nullptr, nullptr); });
         });
         add("rgb_to_gray/naive_loop", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
             QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
-            measure(s, size, kGrayTraffic, [&] {
+            measure(s, size, [&] {
                 naiveRgbToGray(source.data.get(), destination.data.get(), size.width, size.height);
             });
         });
@@ -230,9 +229,8 @@ void registerAll()
             QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
             const int w = static_cast<int>(size.width);
             const int h = static_cast<int>(size.height);
-            measure(s, size, kGrayTraffic, [&] {
-                libyuv::RGB24ToJ400(source.data.get(), 3 * w, destination.data.get(), w, w, h);
-            });
+            measure(s, size,
+                    [&] { libyuv::RGB24ToJ400(source.data.get(), 3 * w, destination.data.get(), w, w, h); });
         });
 #endif
 #if defined(QRV_BENCH_OPENCV)
@@ -243,7 +241,7 @@ void registerAll()
             const int h = static_cast<int>(size.height);
             const cv::Mat in(h, w, CV_8UC3, source.data.get());
             cv::Mat out(h, w, CV_8UC1, destination.data.get());
-            measure(s, size, kGrayTraffic, [&] { cv::cvtColor(in, out, cv::COLOR_RGB2GRAY); });
+            measure(s, size, [&] { cv::cvtColor(in, out, cv::COLOR_RGB2GRAY); });
         });
 #endif
     }
@@ -259,7 +257,8 @@ int main(int argc, char** argv)
     registerAll();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
+    SummaryReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
     return 0;
 }
