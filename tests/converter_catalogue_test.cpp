@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "CIpmFuncTable.h"
