@@ -1,10 +1,11 @@
 // The kernels are written once, in Arm NEON intrinsics: aarch64 builds take
 // them from <arm_neon.h>, other targets from SIMDe, which maps each intrinsic
-// onto SSE/AVX2. A few NEON idioms that are single instructions on Arm (the
-// three-way de-interleaving load, widening arithmetic on 64-bit halves,
-// saturating narrows) become byte loops or long sequences under SIMDe, so the
-// four primitives below have a second body for SIMDe, made of intrinsics that
-// it maps onto one x86 instruction each. Both bodies compute the same bytes.
+// onto SSE/AVX2. Two NEON idioms that are single instructions on Arm, the
+// three-way de-interleaving load and widening arithmetic on 64-bit halves,
+// become byte loops or long sequences under SIMDe, so the primitives that use
+// them have a second body for SIMDe, made of intrinsics that it maps onto one
+// x86 instruction each; both bodies compute the same bytes. Saturating narrows
+// are as costly there, and the shared code does without them.
 #include "Converter/CpuConvertKernel.h"
 
 #include <cstddef>
