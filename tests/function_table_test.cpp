@@ -220,9 +220,8 @@ TEST(FunctionTableFirstUse, FillLogsItsStepsWithFileLineAndSignature)
     const auto records = qrvtest::parseRecords(runScenario("fill-log").out);
     std::vector<std::pair<std::string, std::string>> called;
     for (const auto& record : records) {
-        if (record.file != "CIpmFuncTable") continue;
+        if (record.file != "CIpmFuncTable" || record.text != L"called") continue;
         EXPECT_EQ(record.level, qrvlog::LogLevel::Trace);
-        if (record.text != L"called") continue;
         called.emplace_back(record.function, qrvtest::utf8(record.text));
         const std::string line = sourceLine(QRV_SOURCE_DIR "/ipm/CIpmFuncTable.cpp", record.line);
         EXPECT_NE(line.find("IPM_LOG(Trace, L\"called\")"), std::string::npos)

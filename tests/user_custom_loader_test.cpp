@@ -562,23 +562,22 @@ TEST(UserCustomLoader, ExecutablePathsAtAndBeyondTheLinkBuffer)
 // that is already there, in a private mount namespace.
 TEST(UserCustomLoader, ExecutableInTheRootDirectorySearchesFromTheRoot)
 {
-    fs::path rootFile;
-    for (const auto& entry : fs::directory_iterator("/")) {
-        if (entry.is_regular_file() && !entry.is_symlink()) {
-            rootFile = entry.path();
-            break;
-        }
-    }
-    if (rootFile.empty()) GTEST_SKIP() << "no regular file in / to bind the executable over";
+    // Asked of a host program: under qemu -L, this process sees the
+    // emulator's sysroot as "/".
+    qrvtest::ProcessOptions host;
+    host.useEmulator = false;
+    const auto files = splitLines(qrvtest::runProcess({"find", "/", "-maxdepth", "1", "-type", "f"}, host).out);
+    if (files.empty()) GTEST_SKIP() << "no regular file in / to bind the executable over";
+    const std::string rootFile = files.front();
     PluginTree tree;
     tree.put("sys", Content::Plugin);
     auto options = tree.options("records");
     options.env.emplace_back("QRV_BIND_SOURCE", tree.exe.string());
-    options.env.emplace_back("QRV_BIND_TARGET", rootFile.string());
+    options.env.emplace_back("QRV_BIND_TARGET", rootFile);
     constexpr int kCannotMount = 77;
     options.wrapper = {"unshare", "-m", "--", "sh", "-c",
                        "mount --bind \"$QRV_BIND_SOURCE\" \"$QRV_BIND_TARGET\" || exit 77; exec \"$@\"", "sh"};
-    const ScenarioRun run = tree.collect(qrvtest::runProcess({rootFile.string(), "load"}, options));
+    const ScenarioRun run = tree.collect(qrvtest::runProcess({rootFile, "load"}, options));
     if (run.process.exitCode == kCannotMount || run.process.err.find("unshare:") != std::string::npos) {
         GTEST_SKIP() << "this environment allows no private mount namespace with a bind mount: "
                      << run.process.err;
