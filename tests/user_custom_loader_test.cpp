@@ -39,15 +39,6 @@ std::vector<std::string> splitLines(const std::string& text)
     return lines;
 }
 
-std::string sourceLine(const std::string& file, int line)
-{
-    std::ifstream in(file);
-    std::string text;
-    for (int i = 0; i < line && std::getline(in, text); ++i) {
-    }
-    return text;
-}
-
 // What one scenario run showed: its exit, its log records, its other output
 // lines and the plug-in trace.
 struct ScenarioRun {
@@ -360,7 +351,7 @@ TEST(UserCustomLoader, LogLinesCarryTheLoaderFileTheirLineAndTheFunction)
                                        [&](const auto& k) { return text.compare(0, k.first.size(), k.first) == 0; });
         ASSERT_NE(kind, kinds.end()) << text;
         seen.insert(kind->first);
-        EXPECT_NE(sourceLine(QRV_SOURCE_DIR "/ipm/CIpmUserCustomLoader.cpp", record.line).find(kind->second.first),
+        EXPECT_NE(qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/CIpmUserCustomLoader.cpp", record.line).find(kind->second.first),
                   std::string::npos)
             << text << " at line " << record.line;
         EXPECT_NE(record.function.find(kind->second.second), std::string::npos) << record.function;
