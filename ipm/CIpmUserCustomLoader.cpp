@@ -49,8 +49,8 @@ public:
         return functions_.size() - 1;
     }
 
-    int call(size_t position, const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination,
-             void* user1, void* user2)
+    int call(size_t position, const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1,
+             void* user2)
     {
         if ((state_.fetch_add(1, std::memory_order_acquire) & kClosed) != 0) {
             leave_();
@@ -120,7 +120,8 @@ int UserCustomLoader::loadOnce()
         // attempt opens the plug-in again, and this reference is dropped so
         // that unload() closes it for good.
         void* const earlier = handle_;
-        const bool opened = tryOpen({dir + "/../lib/" + name, dir + "/" + name, dir + "/plugins/" + name, name});
+        const bool opened =
+            tryOpen({dir + "/../lib/" + name, dir + "/" + name, dir + "/plugins/" + name, name});
         if (earlier != nullptr) dlclose(earlier);
         if (!opened) return;
 
@@ -154,11 +155,13 @@ bool UserCustomLoader::tryOpen(const std::vector<std::string>& candidates)
         handle_ = dlopen(candidate.c_str(), RTLD_NOW);
         if (handle_ == nullptr) {
             const char* error = dlerror();
-            IPM_LOG(Warning, L"dlopen fail: %hs (%hs)", candidate.c_str(), error != nullptr ? error : "no error");
+            IPM_LOG(Warning, L"dlopen fail: %hs (%hs)", candidate.c_str(),
+                    error != nullptr ? error : "no error");
             continue;
         }
         registerFn_ = reinterpret_cast<IpmUserCustomRegisterFn>(dlsym(handle_, "ipm_user_custom_register"));
-        unregisterFn_ = reinterpret_cast<IpmUserCustomUnregisterFn>(dlsym(handle_, "ipm_user_custom_unregister"));
+        unregisterFn_ =
+            reinterpret_cast<IpmUserCustomUnregisterFn>(dlsym(handle_, "ipm_user_custom_unregister"));
         if (registerFn_ != nullptr) {
             IPM_LOG(Trace, L"loaded: %hs", candidate.c_str());
             return true;

@@ -26,8 +26,8 @@ constexpr int kThreshold = 1;
 
 int run(int index, const QRV_Image& source, QRV_Image& destination, void* user1 = nullptr)
 {
-    return CIpmFuncTable::Instance()->process(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, index, &source,
-                                              &destination, user1, nullptr);
+    return CIpmFuncTable::Instance()->process(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, index,
+                                              &source, &destination, user1, nullptr);
 }
 
 // An image whose byte i holds (seed + 7 * i) modulo 256.
@@ -63,10 +63,11 @@ std::vector<uint8_t> mirrored(const QRV_Image& source)
 
 TEST(ExamplePlugin, OffersMirrorAndThresholdUnderUserCustom)
 {
-    auto list = CIpmFuncTable::Instance()->getAlgorithmList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom);
+    auto list =
+        CIpmFuncTable::Instance()->getAlgorithmList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom);
     std::sort(list.begin(), list.end());
-    const std::vector<std::pair<int, std::wstring>> expected = {{kMirror, L"Mirror horizontal (RGB888/BGR888)"},
-                                                                {kThreshold, L"Threshold (Gray8)"}};
+    const std::vector<std::pair<int, std::wstring>> expected = {
+        {kMirror, L"Mirror horizontal (RGB888/BGR888)"}, {kThreshold, L"Threshold (Gray8)"}};
     EXPECT_EQ(list, expected);
 }
 
@@ -96,8 +97,11 @@ TEST(ExamplePlugin, ThresholdSetsPixelsAtOrAboveTheLevelTo255)
         int effective;
     };
     const int zero = 0, hundred = 100, above = 256, negative = -5;
-    const Case cases[] = {{"no user1: 128", nullptr, 128}, {"0", &zero, 0},          {"100", &hundred, 100},
-                          {"256: nothing", &above, 256},    {"-5: everything", &negative, -5}};
+    const Case cases[] = {{"no user1: 128", nullptr, 128},
+                          {"0", &zero, 0},
+                          {"100", &hundred, 100},
+                          {"256: nothing", &above, 256},
+                          {"-5: everything", &negative, -5}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         QRV_Image destination = pattern(16, 16, En_ImageFormat::Gray8, 3);
@@ -120,16 +124,18 @@ TEST(ExamplePlugin, RefusesMissingPixelsWithEightAndMismatchesWithNine)
         size_t shortBy;  // bytes fewer than the pixels need
     };
     const Side rgb44{rgb, 4, 4, true, 0}, gray44{gray, 4, 4, true, 0};
+    const Side rgbNone{rgb, 4, 4, false, 0}, grayNone{gray, 4, 4, false, 0};
+    const Side rgbShort{rgb, 4, 4, true, 1}, grayShort{gray, 4, 4, true, 1};
     struct Case {
         const char* what;
         int index;
         Side source, destination;
         int expected;
     } cases[] = {
-        {"mirror, source without pixels", kMirror, {rgb, 4, 4, false, 0}, rgb44, result::MissingImage},
-        {"mirror, destination without pixels", kMirror, rgb44, {rgb, 4, 4, false, 0}, result::MissingImage},
-        {"mirror, source one byte short", kMirror, {rgb, 4, 4, true, 1}, rgb44, result::MissingImage},
-        {"mirror, missing pixels before a mismatch", kMirror, {rgb, 4, 4, false, 0}, gray44, result::MissingImage},
+        {"mirror, source without pixels", kMirror, rgbNone, rgb44, result::MissingImage},
+        {"mirror, destination without pixels", kMirror, rgb44, rgbNone, result::MissingImage},
+        {"mirror, source one byte short", kMirror, rgbShort, rgb44, result::MissingImage},
+        {"mirror, missing pixels before a mismatch", kMirror, rgbNone, gray44, result::MissingImage},
         {"mirror, Gray8", kMirror, gray44, gray44, result::Mismatch},
         {"mirror, RGB888 to BGR888", kMirror, rgb44, {bgr, 4, 4, true, 0}, result::Mismatch},
         {"mirror, other width", kMirror, rgb44, {rgb, 5, 4, true, 0}, result::Mismatch},
@@ -137,8 +143,8 @@ TEST(ExamplePlugin, RefusesMissingPixelsWithEightAndMismatchesWithNine)
         {"threshold, RGB888", kThreshold, rgb44, rgb44, result::Mismatch},
         {"threshold, Gray8 to RGB888", kThreshold, gray44, rgb44, result::Mismatch},
         {"threshold, other size", kThreshold, gray44, {gray, 4, 5, true, 0}, result::Mismatch},
-        {"threshold, destination without pixels", kThreshold, gray44, {gray, 4, 4, false, 0}, result::MissingImage},
-        {"threshold, destination one byte short", kThreshold, gray44, {gray, 4, 4, true, 1}, result::MissingImage},
+        {"threshold, destination without pixels", kThreshold, gray44, grayNone, result::MissingImage},
+        {"threshold, destination one byte short", kThreshold, gray44, grayShort, result::MissingImage},
     };
     const auto make = [](const Side& side) {
         QRV_Image image = pattern(side.width, side.height, side.format, 1);
@@ -150,7 +156,8 @@ TEST(ExamplePlugin, RefusesMissingPixelsWithEightAndMismatchesWithNine)
         SCOPED_TRACE(c.what);
         const QRV_Image source = make(c.source);
         QRV_Image destination = make(c.destination);
-        const std::vector<uint8_t> before = destination.pixels() ? bytes(destination) : std::vector<uint8_t>{};
+        const std::vector<uint8_t> before =
+            destination.pixels() ? bytes(destination) : std::vector<uint8_t>{};
         EXPECT_EQ(run(c.index, source, destination), c.expected);
         if (destination.pixels()) {
             EXPECT_EQ(bytes(destination), before) << "a refusal writes nothing";
@@ -173,7 +180,8 @@ TEST(ExamplePlugin, IpmRunListsThePluginFunctions)
         bool listed = false;
         std::istringstream lines(listing.out);
         for (std::string line; std::getline(lines, line);) {
-            listed = listed || (line.find(name) != std::string::npos && line.find("User_Custom") != std::string::npos);
+            listed = listed ||
+                     (line.find(name) != std::string::npos && line.find("User_Custom") != std::string::npos);
         }
         EXPECT_TRUE(listed) << name << " missing from:\n" << listing.out;
     }

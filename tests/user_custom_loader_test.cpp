@@ -52,7 +52,8 @@ struct ScenarioRun {
         std::vector<std::string> lines;
         for (const auto& record : records) {
             if (record.file == file) {
-                lines.push_back(std::to_string(static_cast<int>(record.level)) + " " + qrvtest::utf8(record.text));
+                lines.push_back(std::to_string(static_cast<int>(record.level)) + " " +
+                                qrvtest::utf8(record.text));
             }
         }
         return lines;
@@ -73,7 +74,9 @@ struct ScenarioRun {
     {
         std::vector<std::string> lines;
         for (const auto& line : splitLines(process.out)) {
-            if (line.compare(0, tag.size() + 1, tag + "\t") == 0) lines.push_back(line.substr(tag.size() + 1));
+            if (line.compare(0, tag.size() + 1, tag + "\t") == 0) {
+                lines.push_back(line.substr(tag.size() + 1));
+            }
         }
         return lines;
     }
@@ -94,7 +97,9 @@ struct ScenarioRun {
     long long value(const std::string& what) const
     {
         for (const auto& line : output("VALUE")) {
-            if (line.compare(0, what.size() + 1, what + "\t") == 0) return std::stoll(line.substr(what.size() + 1));
+            if (line.compare(0, what.size() + 1, what + "\t") == 0) {
+                return std::stoll(line.substr(what.size() + 1));
+            }
         }
         ADD_FAILURE() << "no VALUE line for " << what;
         return -1;
@@ -125,14 +130,17 @@ std::ostream& operator<<(std::ostream& out, const ScenarioRun& run)
 bool lineMatches(const std::string& expected, const std::string& actual)
 {
     const std::string any = " (*)";
-    if (expected.size() < any.size() || expected.compare(expected.size() - any.size(), any.size(), any) != 0) {
+    if (expected.size() < any.size() ||
+        expected.compare(expected.size() - any.size(), any.size(), any) != 0) {
         return expected == actual;
     }
     const std::string head = expected.substr(0, expected.size() - 3);
-    return actual.size() > head.size() + 1 && actual.compare(0, head.size(), head) == 0 && actual.back() == ')';
+    return actual.size() > head.size() + 1 && actual.compare(0, head.size(), head) == 0 &&
+           actual.back() == ')';
 }
 
-testing::AssertionResult linesMatch(const std::vector<std::string>& expected, const std::vector<std::string>& actual)
+testing::AssertionResult linesMatch(const std::vector<std::string>& expected,
+                                    const std::vector<std::string>& actual)
 {
     bool same = expected.size() == actual.size();
     for (size_t i = 0; same && i < expected.size(); ++i) same = lineMatches(expected[i], actual[i]);
@@ -156,15 +164,18 @@ testing::AssertionResult tornDownInOrder(const ScenarioRun& run)
     }
     if (run.traceCount("register") == 0) return testing::AssertionSuccess();
     const size_t fini = run.tracePosition("fini");
-    if (run.traceCount("fini") != 1 || run.traceCount("unregister") != 1 || run.tracePosition("unregister") > fini) {
+    if (run.traceCount("fini") != 1 || run.traceCount("unregister") != 1 ||
+        run.tracePosition("unregister") > fini) {
         return testing::AssertionFailure() << "unregister once, then the closing, once\n" << run;
     }
     std::map<std::string, size_t> born;
     for (size_t i = 0; i < trace.size(); ++i) {
         const std::string& event = trace[i];
-        if (i > fini && (event[0] == '+' || event[0] == '-' || event == "unregister" || event == "call-end")) {
-            return testing::AssertionFailure() << "plug-in code ran after its library closed: " << event << "\n"
-                                               << run;
+        if (i > fini &&
+            (event[0] == '+' || event[0] == '-' || event == "unregister" || event == "call-end")) {
+            return testing::AssertionFailure()
+                   << "plug-in code ran after its library closed: " << event << "\n"
+                   << run;
         }
         if (event[0] == '+') born[event.substr(1)] = i;
         if (event[0] == '-' && born.erase(event.substr(1)) != 1) {
@@ -172,9 +183,9 @@ testing::AssertionResult tornDownInOrder(const ScenarioRun& run)
         }
     }
     if (!born.empty()) {
-        return testing::AssertionFailure() << born.size() << " function objects never destroyed, e.g. +"
-                                           << born.begin()->first << "\n"
-                                           << run;
+        return testing::AssertionFailure()
+               << born.size() << " function objects never destroyed, e.g. +" << born.begin()->first << "\n"
+               << run;
     }
     return testing::AssertionSuccess();
 }
@@ -300,7 +311,9 @@ TEST(UserCustomLoader, SearchesLibThenOwnDirThenPluginsThenTheSystemAndSkipsUnus
         for (std::string line : c.expected) {
             for (int i = 0; i < 4; ++i) {
                 const std::string mark = "$" + std::to_string(i + 1);
-                if (const size_t at = line.find(mark); at != std::string::npos) line.replace(at, 2, candidates[i]);
+                if (const size_t at = line.find(mark); at != std::string::npos) {
+                    line.replace(at, 2, candidates[i]);
+                }
             }
             expected.push_back(line);
         }
@@ -341,17 +354,20 @@ TEST(UserCustomLoader, LogLinesCarryTheLoaderFileTheirLineAndTheFunction)
         {"symbol missing in ", {"IPM_LOG(Warning, L\"symbol missing in %hs\"", "UserCustomLoader::tryOpen("}},
         {"loaded: ", {"IPM_LOG(Trace, L\"loaded: %hs\"", "UserCustomLoader::tryOpen("}},
         {"register failed", {"IPM_LOG(Error, L\"register failed\")", "UserCustomLoader::loadOnce()"}},
-        {"registered entries: ", {"IPM_LOG(Trace, L\"registered entries: %d\"", "UserCustomLoader::loadOnce()"}},
+        {"registered entries: ",
+         {"IPM_LOG(Trace, L\"registered entries: %d\"", "UserCustomLoader::loadOnce()"}},
     };
     std::set<std::string> seen;
     for (const auto& record : run.records) {
         if (record.file != "CIpmUserCustomLoader") continue;
         const std::string text = qrvtest::utf8(record.text);
-        const auto kind = std::find_if(kinds.begin(), kinds.end(),
-                                       [&](const auto& k) { return text.compare(0, k.first.size(), k.first) == 0; });
+        const auto kind = std::find_if(kinds.begin(), kinds.end(), [&](const auto& k) {
+            return text.compare(0, k.first.size(), k.first) == 0;
+        });
         ASSERT_NE(kind, kinds.end()) << text;
         seen.insert(kind->first);
-        EXPECT_NE(qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/CIpmUserCustomLoader.cpp", record.line).find(kind->second.first),
+        EXPECT_NE(qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/CIpmUserCustomLoader.cpp", record.line)
+                      .find(kind->second.first),
                   std::string::npos)
             << text << " at line " << record.line;
         EXPECT_NE(record.function.find(kind->second.second), std::string::npos) << record.function;
@@ -386,12 +402,19 @@ TEST(UserCustomLoader, RecordsAreFiledByIndexAndDispatchPassesEveryResultThrough
     ASSERT_EQ(run.process.exitCode, 0) << run;
     // Seven records handed over; the empty one is refused and not counted.
     EXPECT_EQ(run.loaderLog().back(), "3 registered entries: 7");
-    EXPECT_EQ(run.tableLogAfterLoading(), std::vector<std::string>{"3 [CIpmFuncTable] User_Custom registered: 6"});
+    EXPECT_EQ(run.tableLogAfterLoading(),
+              std::vector<std::string>{"3 [CIpmFuncTable] User_Custom registered: 6"});
     EXPECT_EQ(run.output("ALG"), kPluginList);
     const std::map<std::string, int> expected = {
-        {"7 -2147483648", INT32_MIN}, {"7 -1", -1}, {"7 0", 0},          {"7 1", 1},
-        {"7 6", 6},                   {"7 9", 9},   {"7 12345678", 12345678}, {"7 2147483647", INT32_MAX},
-        {"7 -", -7},                  // user1 null reaches the function as null
+        {"7 -2147483648", INT32_MIN},
+        {"7 -1", -1},
+        {"7 0", 0},
+        {"7 1", 1},
+        {"7 6", 6},
+        {"7 9", 9},
+        {"7 12345678", 12345678},
+        {"7 2147483647", INT32_MAX},
+        {"7 -", -7},  // user1 null reaches the function as null
         {"8 -", result::FunctionThrew},
         {"5 -", 52},  // the later record at 5
         {"6 -", result::NoFunction},
@@ -540,10 +563,11 @@ TEST(UserCustomLoader, ExecutablePathsAtAndBeyondTheLinkBuffer)
         const ScenarioRun run = tree.collect(std::move(process));
         ASSERT_EQ(run.process.exitCode, 0) << run;
         const std::string searched = length <= 4095 ? dir : ".";
-        EXPECT_TRUE(linesMatch({"2 dlopen fail: " + searched + "/../lib/" + kPluginName + " (*)",
-                                "2 dlopen fail: " + searched + "/" + kPluginName + " (*)",
-                                "3 loaded: " + searched + "/plugins/" + kPluginName, "3 registered entries: 7"},
-                               run.loaderLog()));
+        EXPECT_TRUE(
+            linesMatch({"2 dlopen fail: " + searched + "/../lib/" + kPluginName + " (*)",
+                        "2 dlopen fail: " + searched + "/" + kPluginName + " (*)",
+                        "3 loaded: " + searched + "/plugins/" + kPluginName, "3 registered entries: 7"},
+                       run.loaderLog()));
         EXPECT_TRUE(tornDownInOrder(run));
     }
 }
@@ -557,7 +581,8 @@ TEST(UserCustomLoader, ExecutableInTheRootDirectorySearchesFromTheRoot)
     // emulator's sysroot as "/".
     qrvtest::ProcessOptions host;
     host.useEmulator = false;
-    const auto files = splitLines(qrvtest::runProcess({"find", "/", "-maxdepth", "1", "-type", "f"}, host).out);
+    const auto files =
+        splitLines(qrvtest::runProcess({"find", "/", "-maxdepth", "1", "-type", "f"}, host).out);
     if (files.empty()) GTEST_SKIP() << "no regular file in / to bind the executable over";
     const std::string rootFile = files.front();
     PluginTree tree;
@@ -566,17 +591,19 @@ TEST(UserCustomLoader, ExecutableInTheRootDirectorySearchesFromTheRoot)
     options.env.emplace_back("QRV_BIND_SOURCE", tree.exe.string());
     options.env.emplace_back("QRV_BIND_TARGET", rootFile);
     constexpr int kCannotMount = 77;
-    options.wrapper = {"unshare", "-m", "--", "sh", "-c",
-                       "mount --bind \"$QRV_BIND_SOURCE\" \"$QRV_BIND_TARGET\" || exit 77; exec \"$@\"", "sh"};
+    const std::string bindThenRun = "mount --bind \"$QRV_BIND_SOURCE\" \"$QRV_BIND_TARGET\" || exit " +
+                                    std::to_string(kCannotMount) + "; exec \"$@\"";
+    options.wrapper = {"unshare", "-m", "--", "sh", "-c", bindThenRun, "sh"};
     const ScenarioRun run = tree.collect(qrvtest::runProcess({rootFile, "load"}, options));
     if (run.process.exitCode == kCannotMount || run.process.err.find("unshare:") != std::string::npos) {
         GTEST_SKIP() << "this environment allows no private mount namespace with a bind mount: "
                      << run.process.err;
     }
     ASSERT_EQ(run.process.exitCode, 0) << run;
-    EXPECT_TRUE(linesMatch({"2 dlopen fail: /../lib/" + kPluginName + " (*)", "2 dlopen fail: /" + kPluginName + " (*)",
-                            "2 dlopen fail: /plugins/" + kPluginName + " (*)", "3 loaded: " + kPluginName,
-                            "3 registered entries: 7"},
-                           run.loaderLog()));
+    EXPECT_TRUE(linesMatch(
+        {"2 dlopen fail: /../lib/" + kPluginName + " (*)", "2 dlopen fail: /" + kPluginName + " (*)",
+         "2 dlopen fail: /plugins/" + kPluginName + " (*)", "3 loaded: " + kPluginName,
+         "3 registered entries: 7"},
+        run.loaderLog()));
     EXPECT_TRUE(tornDownInOrder(run));
 }

@@ -23,10 +23,10 @@
 #include "LogCapture.h"
 #include "PluginTrace.h"
 
+using ipm_internal::UserCustomLoader;
 using ipmcommon::CIpmFuncTable;
 using ipmcommon::EnIpmModule;
 using ipmcommon::EnProcessBackend;
-using ipm_internal::UserCustomLoader;
 
 namespace {
 
@@ -59,9 +59,11 @@ void printCall(int index, const int* user1Value)
 
 void printList()
 {
-    auto list = CIpmFuncTable::Instance()->getAlgorithmList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom);
+    auto list =
+        CIpmFuncTable::Instance()->getAlgorithmList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom);
     std::sort(list.begin(), list.end());
-    for (const auto& [index, name] : list) print("ALG\t" + std::to_string(index) + "\t" + qrvtest::utf8(name));
+    for (const auto& [index, name] : list)
+        print("ALG\t" + std::to_string(index) + "\t" + qrvtest::utf8(name));
 }
 
 void reportPluginMapping()
