@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <new>
 #include <string>
 #include <vector>
@@ -11,7 +10,6 @@
 #include "CIpmFuncTable.h"
 #include "Converter/CConverter.h"
 #include "LogCapture.h"
-#include "NoOpenClVendors.h"
 #include "Subprocess.h"
 #include "TestImages.h"
 
@@ -60,15 +58,6 @@ std::vector<qrvlog::LogRecord> runScenario(const std::string& name)
     const auto run = qrvtest::runProcess({CONVERTER_SCENARIO, name});
     EXPECT_EQ(run.exitCode, 0) << name << "\nstdout:\n" << run.out << "\nstderr:\n" << run.err;
     return qrvtest::parseRecords(run.out);
-}
-
-std::string sourceLine(int line)
-{
-    std::ifstream in(QRV_SOURCE_DIR "/ipm/Converter/CConverter.cpp");
-    std::string text;
-    for (int i = 0; i < line && std::getline(in, text); ++i) {
-    }
-    return text;
 }
 
 // Functions of the catalogue's log records, in order.
@@ -148,7 +137,9 @@ TEST(ConverterCatalogue, ConstructionWritesEightTraceLinesInOrder)
             << "nothing but the catalogue logs: " << record.file;
         EXPECT_EQ(record.level, qrvlog::LogLevel::Trace);
         EXPECT_EQ(record.text, L"Called");
-        EXPECT_NE(sourceLine(record.line).find("IPM_LOG(Trace, L\"Called\")"), std::string::npos)
+        EXPECT_NE(qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/Converter/CConverter.cpp", record.line)
+                      .find("IPM_LOG(Trace, L\"Called\")"),
+                  std::string::npos)
             << "line " << record.line << " is the log call";
     }
 }

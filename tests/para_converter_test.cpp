@@ -8,7 +8,6 @@
 #include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
 #include "LogCapture.h"
-#include "NoOpenClVendors.h"
 #include "RefusalCases.h"
 #include "Subprocess.h"
 #include "TestImages.h"

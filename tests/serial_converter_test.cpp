@@ -4,7 +4,6 @@
 
 #include "Converter/CCpuSerialConverter.h"
 #include "IpmTypes.h"
-#include "NoOpenClVendors.h"
 #include "RefusalCases.h"
 #include "Subprocess.h"
 #include "TestImages.h"
