@@ -62,6 +62,9 @@ public:
     // it until it ends: the producer cannot reach the front slot, so no frame
     // is ever read while it is being written, and onNewFrame() never waits.
     //
+    // A slot keeps its pixel buffer while frames keep its width, height,
+    // format and YUV layout; the producer reallocates it only on a change.
+    //
     // The published word carries the slot number and the hasFrame bit, set by
     // every publication and cleared by every claim. A pass that finds the bit
     // clear has nothing new to process; keeping both in one word is what makes

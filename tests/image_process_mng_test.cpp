@@ -457,7 +457,7 @@ TEST_F(Manager, SteadyFramesAllocateNothingPerFrame)
 
 TEST_F(Manager, FastProducerNeverHandsATornFrameToAPass)
 {
-    const int frames = scaled(20000, 2000);
+    const int frames = scaled(20000, 5000);
     std::atomic<int> lastTag{0};
     std::atomic<int> torn{0}, backwards{0};
     body = [&](const QRV_Image& s, QRV_Image&) {
