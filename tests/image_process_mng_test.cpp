@@ -65,6 +65,8 @@ namespace {
 
 constexpr auto kTimeout = 20s;
 constexpr int kProbeIndex = 4242;
+constexpr auto kSerial = EnProcessBackend::CPU_Serial;
+constexpr auto kParallel = EnProcessBackend::CPU_Parallel;
 
 void watchAllocations(size_t size, int failures = 0)
 {
@@ -151,7 +153,7 @@ public:
     void SetUp() override
     {
         CIpmFuncTable::Instance()->registerFunc(
-            EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kProbeIndex,
+            kSerial, EnIpmModule::Splitter, kProbeIndex,
             [](const QRV_Image* source, QRV_Image* destination, void* user1, void*) {
                 return (*static_cast<StepBody*>(user1))(*source, *destination);
             },
@@ -162,7 +164,7 @@ public:
 
 int addStep(CImageProcessMng& manager, StepBody& body, QRV_Image* source, QRV_Image* destination)
 {
-    return manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kProbeIndex, source,
+    return manager.addProcList(kSerial, EnIpmModule::Splitter, kProbeIndex, source,
                                destination, &body, nullptr);
 }
 
@@ -308,7 +310,8 @@ std::vector<std::string> textsAt(const qrvtest::LogCapture& capture, qrvlog::Log
 {
     std::vector<std::string> texts;
     for (const auto& record : capture.records()) {
-        if (record.file == "CImageProcessMng" && record.level == level) texts.push_back(qrvtest::utf8(record.text));
+        if (record.file != "CImageProcessMng" || record.level != level) continue;
+        texts.push_back(qrvtest::utf8(record.text));
     }
     return texts;
 }
@@ -324,19 +327,25 @@ std::string sourceLine(int line)
 
 }  // namespace
 
-TEST(ManagerConverterChain, ReportsEveryStepInOrderWithTheSerialReferencePixels)
+TEST(ManagerConverterChain, ReportsEveryStepInOrderWithTheConvertersOwnPixels)
 {
-    constexpr uint32_t width = 70, height = 5;  // not a multiple of any vector width
+    // A multiple of 4, as the parallel kernels need, but of no vector width.
+    constexpr uint32_t width = 68, height = 5;
     const QRV_Image frame = makeFrame(width, height, 77);
     CIpmFuncTable* table = CIpmFuncTable::Instance();
-    QRV_Image referenceRgb(width, height, En_ImageFormat::RGB888, true, 1);
-    QRV_Image referenceGray(width, height, En_ImageFormat::Gray8, true, 1);
-    ASSERT_EQ(table->process(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 0, &frame, &referenceRgb,
-                             nullptr, nullptr),
-              result::Success);
-    ASSERT_EQ(table->process(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 2, &referenceRgb,
-                             &referenceGray, nullptr, nullptr),
-              result::Success);
+    const auto direct = [&](EnProcessBackend backend, int index, const QRV_Image& from,
+                            En_ImageFormat format) {
+        QRV_Image to(width, height, format, true, 1);
+        EXPECT_EQ(table->process(backend, EnIpmModule::Converter, index, &from, &to, nullptr, nullptr),
+                  result::Success);
+        return to;
+    };
+    // The gray kernel equals the serial formula; the parallel YUV kernel has
+    // arithmetic of its own, so its reference is the same function called
+    // directly.
+    const QRV_Image referenceRgb = direct(kSerial, 0, frame, En_ImageFormat::RGB888);
+    const QRV_Image referenceGray = direct(kSerial, 2, referenceRgb, En_ImageFormat::Gray8);
+    const QRV_Image referenceParallelRgb = direct(kParallel, 0, frame, En_ImageFormat::RGB888);
 
     QRV_Image source;
     QRV_Image rgb(width, height, En_ImageFormat::RGB888, true, 1);
@@ -344,10 +353,9 @@ TEST(ManagerConverterChain, ReportsEveryStepInOrderWithTheSerialReferencePixels)
     QRV_Image rgbAgain(width, height, En_ImageFormat::RGB888, true, 1);
     Reports reports;
     CImageProcessMng manager;
-    manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 0, &source, &rgb, nullptr, nullptr);
-    manager.addProcList(EnProcessBackend::CPU_Parallel, EnIpmModule::Converter, 2, nullptr, &gray, nullptr, nullptr);
-    manager.addProcList(EnProcessBackend::CPU_Parallel, EnIpmModule::Converter, 0, &source, &rgbAgain, nullptr,
-                        nullptr);
+    manager.addProcList(kSerial, EnIpmModule::Converter, 0, &source, &rgb, nullptr, nullptr);
+    manager.addProcList(kParallel, EnIpmModule::Converter, 2, nullptr, &gray, nullptr, nullptr);
+    manager.addProcList(kParallel, EnIpmModule::Converter, 0, &source, &rgbAgain, nullptr, nullptr);
     manager.registerDisplayerCallback(reports.callback());
     ASSERT_TRUE(manager.initialize());
     manager.onNewFrame(frame);
@@ -360,7 +368,7 @@ TEST(ManagerConverterChain, ReportsEveryStepInOrderWithTheSerialReferencePixels)
     const std::vector<Report> list = reports.list();
     ASSERT_EQ(list.size(), 3u);
     const QRV_Image* expectedImages[] = {&rgb, &gray, &rgbAgain};
-    const QRV_Image* expectedPixels[] = {&referenceRgb, &referenceGray, &referenceRgb};
+    const QRV_Image* expectedPixels[] = {&referenceRgb, &referenceGray, &referenceParallelRgb};
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(list[i].tag, 77);
         EXPECT_EQ(list[i].position, i);
@@ -688,8 +696,9 @@ TEST_F(Manager, FailedStepsAreLoggedAndThePassGoesOn)
     };
     addStep(manager, body, &source, &destination);
     for (const auto& step : failing) {
-        manager.addProcList(static_cast<EnProcessBackend>(step.backend), static_cast<EnIpmModule>(step.module),
-                            step.index, &source, &scratch, step.body, nullptr);
+        manager.addProcList(static_cast<EnProcessBackend>(step.backend),
+                            static_cast<EnIpmModule>(step.module), step.index, &source, &scratch, step.body,
+                            nullptr);
     }
     addStep(manager, last, &source, &scratch);
     manager.registerDisplayerCallback(reports.callback());
@@ -709,7 +718,8 @@ TEST_F(Manager, FailedStepsAreLoggedAndThePassGoesOn)
     }
     EXPECT_EQ(logged, expected);
     for (const Report& report : reports.list()) {
-        EXPECT_TRUE(report.position == 0 || report.position == 6) << "failed step " << report.position << " reported";
+        EXPECT_TRUE(report.position == 0 || report.position == 6)
+            << "failed step " << report.position << " reported";
     }
     EXPECT_EQ(seen.tags(), (std::vector<int>{1, 1, 2, 2})) << "the first and the last step";
 }
@@ -834,7 +844,7 @@ TEST(ManagerLog, OperationsLogCalledWithTheirSignatureAndLine)
     {
         QRV_Image destination(1, 1, En_ImageFormat::Gray8, true, 1);
         CImageProcessMng manager;
-        manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, 1, nullptr, &destination,
+        manager.addProcList(kSerial, EnIpmModule::Splitter, 1, nullptr, &destination,
                             nullptr, nullptr);
         manager.clearProcList();
         manager.registerDisplayerCallback({});
