@@ -54,7 +54,7 @@ run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/plugins/example -B ${WORK_DIR}/plugin-buil
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/plugin-build)
 file(COPY ${WORK_DIR}/plugin-build/libCIpmUserCustom.so DESTINATION ${prefix}/bin/plugins)
-execute_process(COMMAND ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/lib ${prefix}/bin/ipm-run --list
+execute_process(COMMAND ${prefix}/bin/ipm-run --list
                 RESULT_VARIABLE code OUTPUT_VARIABLE listing ERROR_VARIABLE err)
 if(NOT code EQUAL 0 OR NOT listing MATCHES "Mirror horizontal .RGB888/BGR888."
    OR NOT listing MATCHES "Threshold .Gray8.")
