@@ -1,25 +1,18 @@
 // ipm-run: the command-line host of the QRV IPM library.
-#include <cstdio>
 #include <algorithm>
-#include <cstring>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "CIpmFuncTable.h"
+#include "LogRouter.h"
+#include "Options.h"
 #include "QRV_Log.h"
+#include "Runner.h"
 
 namespace {
 
 using ipmcommon::CIpmFuncTable;
-
-void printUsage(FILE* out)
-{
-    std::fputs(
-        "usage: ipm-run [--list] [--help]\n"
-        "\n"
-        "  --list   print the backends, the modules and every registered algorithm\n"
-        "  --help   print this text\n",
-        out);
-}
 
 int listAlgorithms()
 {
@@ -52,15 +45,17 @@ int listAlgorithms()
 
 int main(int argc, char** argv)
 {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--list") == 0) return listAlgorithms();
-        if (std::strcmp(argv[i], "--help") == 0) {
-            printUsage(stdout);
-            return 0;
-        }
-        std::fprintf(stderr, "ipm-run: unknown option '%s'\n", argv[i]);
-        printUsage(stderr);
-        return 2;
+    Options options;
+    std::string error;
+    if (!Options::parse(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+        std::fprintf(stderr, "ipm-run: %s\n", error.c_str());
+        return Runner::kUsageError;
     }
-    return listAlgorithms();
+    LogRouter::install(options.logLevel);
+    switch (options.mode) {
+    case Options::Mode::Help: std::fputs(Options::usage(), stdout); return 0;
+    case Options::Mode::List: return listAlgorithms();
+    case Options::Mode::Run: break;
+    }
+    return Runner::run(options);
 }
