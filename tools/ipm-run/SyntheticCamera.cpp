@@ -1,6 +1,7 @@
 #include "SyntheticCamera.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -65,9 +66,11 @@ std::string SyntheticCamera::description() const
 
 void SyntheticCamera::rgbToYuv(int r, int g, int b, int& y, int& u, int& v)
 {
-    y = ((66 * r + 129 * g + 25 * b + 128) >> 8) + 16;
-    u = ((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128;
-    v = ((112 * r - 94 * g - 18 * b + 128) >> 8) + 128;
+    // The studio-swing BT.601 matrix, rounded once at the end, so that the
+    // primaries land on the textbook values (red is 81, 90, 240).
+    y = static_cast<int>(std::lround(16.0 + (65.481 * r + 128.553 * g + 24.966 * b) / 255.0));
+    u = static_cast<int>(std::lround(128.0 + (-37.797 * r - 74.203 * g + 112.0 * b) / 255.0));
+    v = static_cast<int>(std::lround(128.0 + (112.0 * r - 93.786 * g - 18.214 * b) / 255.0));
 }
 
 void SyntheticCamera::renderRgbRow(uint64_t frameNumber, uint32_t row, uint8_t* rgb) const

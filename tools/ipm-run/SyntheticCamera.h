@@ -25,8 +25,8 @@ public:
     // The RGB colour of every pixel of one row of picture frameNumber.
     void renderRgbRow(uint64_t frameNumber, uint32_t row, uint8_t* rgb) const;
 
-    // Limited-range BT.601 in 8-bit fixed point, the inverse of the library's
-    // YUV to RGB conversion.
+    // Limited-range BT.601, the inverse of the library's YUV to RGB
+    // conversion.
     static void rgbToYuv(int r, int g, int b, int& y, int& u, int& v);
 
     // The eight bar colours, left to right: white, yellow, cyan, green,
