@@ -489,7 +489,8 @@ TEST(IpmRun, BadInputIsRefusedWithStatusTwoAndWritesNothing)
     for (const auto& c : cases) {
         const auto result = ipmRun(c.args);
         EXPECT_EQ(result.exitCode, 2) << c.message << "\n" << describe(result);
-        EXPECT_NE(result.err.find("ipm-run: " + c.message), std::string::npos) << describe(result);
+        EXPECT_EQ(result.err.rfind("ipm-run: ", 0), 0u) << describe(result);
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << describe(result);
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << describe(result);
         EXPECT_EQ(result.out, "") << c.message;
         EXPECT_EQ(dir.entries(), before) << c.message;
