@@ -477,3 +477,15 @@ TEST(IpmRunProgress, AFileGetsWholeLinesATerminalOneRewrittenLine)
         }
     }
 }
+
+TEST(IpmRunSummary, TheTableListsAFewPicturesAndNamesTheLast)
+{
+    RunSummary summary;
+    summary.outDir = "out";
+    for (int i = 0; i < 15; ++i) summary.pictures.push_back("p" + std::to_string(i) + ".png");
+    const std::string table = summary.table();
+    EXPECT_NE(table.find("15 picture(s) and summary.json in out/"), std::string::npos) << table;
+    EXPECT_NE(table.find("out/p8.png\n"), std::string::npos) << table;
+    EXPECT_EQ(table.find("out/p9.png"), std::string::npos) << table;
+    EXPECT_NE(table.find("... and 5 more, up to out/p14.png"), std::string::npos) << table;
+}

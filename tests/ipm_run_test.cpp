@@ -216,6 +216,23 @@ void expectConsistentSummary(const JsonValue& summary, uint64_t delivered, const
     }
 }
 
+// A build without libpng (a cross build whose target lacks it) runs the same,
+// writes no pictures and says so in the summary. True when pictures can be
+// checked.
+bool picturesCheckable(const JsonValue& summary, const std::string& dir)
+{
+    if (qrvtest::pngReaderAvailable()) return true;
+    EXPECT_EQ(summary["pictures"].size(), 0u);
+    EXPECT_TRUE(picturesIn(dir).empty());
+    bool said = false;
+    for (size_t i = 0; i < summary["notes"].size(); ++i) {
+        said = said || summary["notes"][i].string().find("built without libpng") != std::string::npos;
+    }
+    EXPECT_TRUE(said) << "the summary says why there are no pictures";
+    std::printf("pictures not compared: this build has no libpng\n");
+    return false;
+}
+
 const std::vector<std::vector<Step>> kLists = {
     {{"CPU Parallel/Converter/0", EnProcessBackend::CPU_Parallel, 0, false},
      {"CPU Parallel/Converter/2", EnProcessBackend::CPU_Parallel, 2, false}},
@@ -242,7 +259,6 @@ class IpmRunClip : public ::testing::TestWithParam<En_YuvLayout> {};
 // parallel converters make of the same frame; the summary adds up.
 TEST_P(IpmRunClip, PicturesEqualTheConvertersOutputForEveryProcessingList)
 {
-    if (!qrvtest::pngReaderAvailable()) GTEST_SKIP() << "this build has no libpng to decode the pictures";
     const En_YuvLayout layout = GetParam();
     const uint32_t width = 64;
     const uint32_t height = 24;
@@ -263,6 +279,7 @@ TEST_P(IpmRunClip, PicturesEqualTheConvertersOutputForEveryProcessingList)
         const JsonValue summary = readSummary(out);
         expectConsistentSummary(summary, frames, steps);
         EXPECT_EQ(summary["source"]["layout"].string(), layoutName(layout));
+        if (!picturesCheckable(summary, out)) continue;
 
         const auto pictures = picturesIn(out);
         std::set<std::string> listed;
@@ -296,14 +313,16 @@ INSTANTIATE_TEST_SUITE_P(EveryLayout, IpmRunClip,
 
 TEST(IpmRun, TheSyntheticCameraReachesTheListAndItsLastFrameIsSaved)
 {
-    if (!qrvtest::pngReaderAvailable()) GTEST_SKIP() << "this build has no libpng to decode the pictures";
     TempDir dir;
     const auto result = ipmRun({"--size", "96x48", "--layout", "YVYU", "--frames", "3", "--fps", "0", "--out",
                                 dir.file("out")});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
     const std::vector<Step> steps = kLists[0];
-    expectConsistentSummary(readSummary(dir.file("out")), 3, steps);
-    EXPECT_EQ(readSummary(dir.file("out"))["source"]["input"].string(), "synthetic camera");
+    const JsonValue summary = readSummary(dir.file("out"));
+    expectConsistentSummary(summary, 3, steps);
+    EXPECT_EQ(summary["source"]["input"].string(), "synthetic camera");
+    EXPECT_NE(result.out.find("3 frames delivered"), std::string::npos) << result.out;
+    if (!picturesCheckable(summary, dir.file("out"))) return;
 
     SyntheticCamera camera(96, 48, En_YuvLayout::YVYU);
     QRV_Image frame(96, 48, En_ImageFormat::YUV422_8, true, 1);
@@ -312,8 +331,7 @@ TEST(IpmRun, TheSyntheticCameraReachesTheListAndItsLastFrameIsSaved)
     expectPictureEquals(dir.file("out/frame000002-step0-RGB888.png"), expected[0]);
     expectPictureEquals(dir.file("out/frame000002-step1-Gray8.png"), expected[1]);
     EXPECT_EQ(picturesIn(dir.file("out")).size(), 2u) << "without --save-every only the last frame";
-    // The summary table on stdout names the counts and where the pictures are.
-    EXPECT_NE(result.out.find("3 frames delivered"), std::string::npos) << result.out;
+    // The summary table on stdout says where the pictures are.
     EXPECT_NE(result.out.find(dir.file("out") + "/frame000002-step1-Gray8.png"), std::string::npos) << result.out;
 }
 

@@ -4,6 +4,8 @@
 
 namespace {
 
+constexpr size_t kPicturesShown = 10;
+
 std::string number(double value)
 {
     char text[64];
@@ -133,7 +135,13 @@ std::string RunSummary::table() const
     for (const std::string& note : notes) t += "  note: " + note + "\n";
     if (!outDir.empty()) {
         t += "\n  " + std::to_string(pictures.size()) + " picture(s) and summary.json in " + outDir + "/\n";
-        for (const std::string& picture : pictures) t += "    " + outDir + "/" + picture + "\n";
+        // A long run's pictures are all in summary.json; the table shows a few.
+        const size_t shown = pictures.size() <= kPicturesShown ? pictures.size() : kPicturesShown - 1;
+        for (size_t i = 0; i < shown; ++i) t += "    " + outDir + "/" + pictures[i] + "\n";
+        if (shown < pictures.size()) {
+            t += "    ... and " + std::to_string(pictures.size() - shown - 1) + " more, up to " + outDir + "/" +
+                 pictures.back() + "\n";
+        }
     }
     return t;
 }
