@@ -435,6 +435,25 @@ TEST(IpmRun, FpsPacesDeliveryLikeACamera)
     EXPECT_EQ(result.err.find('\r'), std::string::npos) << result.err;
 }
 
+// Ctrl-C ends an endless run cleanly: delivery stops, the summary is
+// written whole and says the run was interrupted.
+TEST(IpmRun, AnInterruptedRunStillReports)
+{
+    TempDir dir;
+    qrvtest::ProcessOptions options;
+    options.wrapper = {"timeout", "--preserve-status", "-s", "INT", "1.5"};
+    const auto result = qrvtest::runProcess(
+        {kIpmRun, "--size", "32x16", "--fps", "30", "--frames", "0", "--out", dir.file("out")}, options);
+    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    const JsonValue summary = readSummary(dir.file("out"));
+    EXPECT_TRUE(summary["interrupted"].boolean());
+    EXPECT_GE(summary["frames"]["delivered"].number(), 10);
+    EXPECT_NE(result.out.find("(interrupted)"), std::string::npos) << result.out;
+    for (const auto& name : dir.entries()) {
+        EXPECT_EQ(fs::path(name).filename().string()[0] == '.', false) << "temporary file left: " << name;
+    }
+}
+
 TEST(IpmRun, LogLevelShowsTheLibrarysLogAtThatVerbosity)
 {
     const std::vector<std::string> run = {"--size", "8x2", "--fps", "0", "--frames", "2", "--step",
