@@ -450,7 +450,7 @@ TEST(IpmRun, AnInterruptedRunStillReports)
     EXPECT_GE(summary["frames"]["delivered"].number(), 10);
     EXPECT_NE(result.out.find("(interrupted)"), std::string::npos) << result.out;
     for (const auto& name : dir.entries()) {
-        EXPECT_EQ(fs::path(name).filename().string()[0] == '.', false) << "temporary file left: " << name;
+        EXPECT_NE(fs::path(name).filename().string().front(), '.') << "temporary file left: " << name;
     }
 }
 
