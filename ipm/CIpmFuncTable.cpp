@@ -1,5 +1,7 @@
 #include "CIpmFuncTable.h"
 
+#include "Converter/CConverter.h"
+
 #define IPM_LOG_FILE "CIpmFuncTable"
 #include "IpmLog.h"
 
@@ -145,6 +147,14 @@ void CIpmFuncTable::InitFuncTable()
 void CIpmFuncTable::InitConverterFuncTable()
 {
     IPM_LOG(Trace, L"called");
+    const CConverter* catalogue = CConverter::Instance();
+    // The parallel converters are reachable through the table too, under the
+    // same indices as their serial twins.
+    for (EnProcessBackend backend : {EnProcessBackend::CPU_Serial, EnProcessBackend::CPU_Parallel}) {
+        for (const AlgEntry& entry : catalogue->getAlgList(backend)) {
+            registerFunc(backend, EnIpmModule::Converter, entry.index, entry.func, entry.name);
+        }
+    }
 }
 
 void CIpmFuncTable::InitScalerFuncTable()

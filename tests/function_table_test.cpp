@@ -96,10 +96,9 @@ TEST_F(FunctionTable, RegisterChecksFunctionThenBackendThenModule)
                   c.expected)
             << c.backend << "/" << c.module;
     }
-    EXPECT_TRUE(table->getAlgorithmList(backend(0), module(0)).end() ==
-                std::find_if(table->getAlgorithmList(backend(0), module(0)).begin(),
-                             table->getAlgorithmList(backend(0), module(0)).end(),
-                             [](const auto& entry) { return entry.first == 1000; }))
+    const auto list = table->getAlgorithmList(backend(0), module(0));
+    EXPECT_TRUE(list.end() ==
+                std::find_if(list.begin(), list.end(), [](const auto& entry) { return entry.first == 1000; }))
         << "a refused registration adds no entry";
 }
 

@@ -1,0 +1,36 @@
+// Addressing and per-pixel arithmetic shared by the converters and the
+// kernels' models.
+#pragma once
+
+#include <cstdint>
+
+#include "QRV_Image.h"
+
+namespace qrv_convert {
+
+// The first pixel lies dataOffset bytes into the buffer; an image without a
+// buffer has no address.
+inline uint8_t* firstPixel(const qrv_img::QRV_Image& image)
+{
+    return image.data ? image.data.get() + image.dataOffset : nullptr;
+}
+
+inline uint8_t clampToByte(int32_t value)
+{
+    return static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
+}
+
+// The weights sum to 256, so the result never exceeds 255.
+inline uint8_t grayFromRgb(uint32_t red, uint32_t green, uint32_t blue)
+{
+    return static_cast<uint8_t>((77 * red + 150 * green + 29 * blue + 128) >> 8);
+}
+
+// Byte positions of Y0, U, Y1 and V within a four-byte group, by layout index
+// (0 YUYV, 1 UYVY, 2 YVYU, 3 VYUY).
+struct YuvPositions {
+    uint8_t y0, u, y1, v;
+};
+inline constexpr YuvPositions kYuvPositions[4] = {{0, 1, 2, 3}, {1, 0, 3, 2}, {0, 3, 2, 1}, {1, 2, 3, 0}};
+
+}  // namespace qrv_convert
