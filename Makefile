@@ -1,5 +1,6 @@
 # QRV IPM. `make demo` runs the main job, `make test` builds and tests every
-# configuration. Both first install the Debian packages the build needs (as root).
+# configuration, `make bench` runs the benchmarks. Each first installs the
+# Debian packages it needs (as root).
 JOBS ?= 2
 
 .PHONY: all deps build demo test bench clean
@@ -22,8 +23,16 @@ demo: build
 test: deps
 	@JOBS=$(JOBS) cmake/scripts/test-all.sh
 
-bench: build
-	@echo "benchmarks arrive with the converters"
+BENCH_OUT = build/native/bench
+
+bench: deps
+	@cmake/scripts/install-packages.sh cmake/debian-packages-bench.txt
+	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
+	@cmake --build --preset native -j $(JOBS) --target converter_bench
+	$(BENCH_OUT)/converter_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
+		--benchmark_out=$(BENCH_OUT)/converter_bench.json --benchmark_out_format=json \
+		| tee $(BENCH_OUT)/converter_bench.txt
+	@echo "results: $(BENCH_OUT)/converter_bench.txt and $(BENCH_OUT)/converter_bench.json"
 
 clean:
 	rm -rf build

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages listed in cmake/debian-packages.txt that are
-# missing, and says which.
+# Installs the Debian packages listed in cmake/debian-packages.txt (or in the
+# list given as the argument) that are missing, and says which.
 set -euo pipefail
-list="$(dirname "$0")/../debian-packages.txt"
+list="${1:-$(dirname "$0")/../debian-packages.txt}"
 missing=()
 while read -r package; do
   package="${package%%#*}"

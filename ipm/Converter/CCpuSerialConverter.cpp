@@ -3,7 +3,8 @@
 #include <cstddef>
 
 #include "CIpmEnv.h"
-#include "Converter/ConverterCommon.h"
+#include "Converter/FirstPixel.h"
+#include "Converter/PixelArithmetic.h"
 #include "IpmTypes.h"
 
 using qrv_img::En_ImageFormat;
@@ -14,7 +15,6 @@ namespace {
 
 using qrv_convert::clampToByte;
 using qrv_convert::firstPixel;
-using qrv_convert::grayFromRgb;
 
 // The layout's byte positions are template arguments, so the compiler sees a
 // fixed pattern for the whole image.
@@ -53,11 +53,30 @@ void yuvRowsInOrder(const uint8_t* in, uint8_t* out, uint32_t width, uint32_t he
     }
 }
 
-template <bool Bgr>
-void grayRows(const uint8_t* in, uint8_t* out, size_t pixels)
+// The products of each weight with every byte value (the rounding term folded
+// into the first): three lookups cost less than three multiplications.
+struct GrayTables {
+    uint16_t first[256], green[256], last[256];
+};
+
+constexpr GrayTables makeGrayTables(uint16_t firstWeight, uint16_t lastWeight)
+{
+    GrayTables tables{};
+    for (uint16_t value = 0; value < 256; ++value) {
+        tables.first[value] = static_cast<uint16_t>(firstWeight * value + 128);
+        tables.green[value] = static_cast<uint16_t>(150 * value);
+        tables.last[value] = static_cast<uint16_t>(lastWeight * value);
+    }
+    return tables;
+}
+
+constexpr GrayTables kRgbTables = makeGrayTables(77, 29);
+constexpr GrayTables kBgrTables = makeGrayTables(29, 77);
+
+void grayRows(const uint8_t* in, uint8_t* out, size_t pixels, const GrayTables& tables)
 {
     for (size_t i = 0; i < pixels; ++i, in += 3) {
-        out[i] = Bgr ? grayFromRgb(in[2], in[1], in[0]) : grayFromRgb(in[0], in[1], in[2]);
+        out[i] = static_cast<uint8_t>((tables.first[in[0]] + tables.green[in[1]] + tables.last[in[2]]) >> 8);
     }
 }
 
@@ -146,9 +165,6 @@ void CCpuSerialConverter::yuv422_to_rgb888_core_(const QRV_Image& source, QRV_Im
 void CCpuSerialConverter::rgb888_to_gray8_core_(const QRV_Image& source, QRV_Image& destination)
 {
     const size_t pixels = static_cast<size_t>(source.width) * source.height;
-    if (source.format == En_ImageFormat::BGR888) {
-        grayRows<true>(firstPixel(source), firstPixel(destination), pixels);
-    } else {
-        grayRows<false>(firstPixel(source), firstPixel(destination), pixels);
-    }
+    const bool bgr = source.format == En_ImageFormat::BGR888;
+    grayRows(firstPixel(source), firstPixel(destination), pixels, bgr ? kBgrTables : kRgbTables);
 }

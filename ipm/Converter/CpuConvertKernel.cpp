@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "Converter/ConverterCommon.h"
+#include "Converter/PixelArithmetic.h"
 
 #if defined(__aarch64__)
 #include <arm_neon.h>

@@ -1,19 +1,13 @@
-// Addressing and per-pixel arithmetic shared by the converters and the
-// kernels' models.
+// Per-pixel arithmetic shared by the serial converter and the kernels'
+// models.
 #pragma once
 
 #include <cstdint>
 
-#include "QRV_Image.h"
-
 namespace qrv_convert {
-
-// The first pixel lies dataOffset bytes into the buffer; an image without a
-// buffer has no address.
-inline uint8_t* firstPixel(const qrv_img::QRV_Image& image)
-{
-    return image.data ? image.data.get() + image.dataOffset : nullptr;
-}
+// Internal linkage: the kernel file is built for AVX2 on x86-64, and a shared
+// out-of-line copy from it could end up serving the other files too.
+namespace {
 
 inline uint8_t clampToByte(int32_t value)
 {
@@ -33,4 +27,5 @@ struct YuvPositions {
 };
 inline constexpr YuvPositions kYuvPositions[4] = {{0, 1, 2, 3}, {1, 0, 3, 2}, {0, 3, 2, 1}, {1, 2, 3, 0}};
 
+}  // namespace
 }  // namespace qrv_convert
