@@ -135,15 +135,6 @@ TEST(IpmRunOptions, BadCommandLinesAreRefusedWithAMessageNamingTheProblem)
     }
 }
 
-TEST(IpmRunOptions, TheUsageTextDocumentsEveryOption)
-{
-    const std::string usage = Options::usage();
-    for (const char* option : {"--input", "--size", "--layout", "--fps", "--frames", "--step", "--out",
-                               "--save-every", "--list", "--log-level", "--help", "frame:"}) {
-        EXPECT_NE(usage.find(option), std::string::npos) << option;
-    }
-}
-
 TEST(IpmRunStepSpec, CoordinatesUseTheLibrarysDisplayNames)
 {
     StepSpec spec;
