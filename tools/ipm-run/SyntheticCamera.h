@@ -39,4 +39,5 @@ private:
     qrv_img::En_YuvLayout layout_;
     uint64_t next_ = 0;
     std::vector<uint8_t> rgbRow_;
+    std::vector<uint8_t> previousRgbRow_;
 };
