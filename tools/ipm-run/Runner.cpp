@@ -91,102 +91,38 @@ double rate(uint64_t events, Clock::time_point first, Clock::time_point last)
     return events > 1 && seconds > 0.0 ? static_cast<double>(events - 1) / seconds : 0.0;
 }
 
-}  // namespace
-
-int Runner::run(const Options& options)
+std::unique_ptr<FrameSource> openSource(const Options& options, std::string& error)
 {
-    std::unique_ptr<FrameSource> source;
     if (options.input.empty()) {
-        source = std::make_unique<SyntheticCamera>(options.width, options.height, options.layout);
-    } else {
-        std::string error;
-        std::string warning;
-        auto reader = RawYuvReader::open(options.input, options.width, options.height, options.layout, error, warning);
-        if (!reader) {
-            usageError(error);
-            return kUsageError;
-        }
-        if (!warning.empty()) std::fprintf(stderr, "ipm-run: warning: %s\n", warning.c_str());
-        source = std::move(reader);
+        return std::make_unique<SyntheticCamera>(options.width, options.height, options.layout);
     }
+    std::string warning;
+    auto reader = RawYuvReader::open(options.input, options.width, options.height, options.layout, error, warning);
+    if (reader && !warning.empty()) std::fprintf(stderr, "ipm-run: warning: %s\n", warning.c_str());
+    return reader;
+}
 
-    ProcessingPlan plan;
-    std::string error;
-    if (!ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction, plan,
-                               error)) {
-        usageError(error);
-        return kUsageError;
-    }
+int convertYuvForPicture(const QRV_Image& yuv, QRV_Image& rgb)
+{
+    return CIpmFuncTable::Instance()->process(ipmcommon::EnProcessBackend::CPU_Serial,
+                                              ipmcommon::EnIpmModule::Converter, 0, &yuv, &rgb, nullptr, nullptr);
+}
 
-    std::unique_ptr<OutputDirectory> outDir;
-    if (!options.outDir.empty()) {
-        outDir = std::make_unique<OutputDirectory>();
-        if (!OutputDirectory::prepare(options.outDir, *outDir, error)) {
-            usageError(error);
-            return kUsageError;
-        }
-    }
-
-    RunStatistics stats(plan.steps().size());
-    RunSummary summary;
-    std::unique_ptr<ImageSaver> saver;
-    if (outDir && !PngWriter::available()) {
-        summary.notes.push_back("this ipm-run was built without libpng, so it writes no pictures");
-    } else if (outDir) {
-        saver = std::make_unique<ImageSaver>(
-            *outDir,
-            [](const QRV_Image& yuv, QRV_Image& rgb) {
-                return CIpmFuncTable::Instance()->process(ipmcommon::EnProcessBackend::CPU_Serial,
-                                                          ipmcommon::EnIpmModule::Converter, 0, &yuv, &rgb,
-                                                          nullptr, nullptr);
-            },
-            kSaverQueueBytes);
-    }
-
-    CImageProcessMng manager;
-    for (size_t i = 0; i < plan.steps().size(); ++i) {
-        const StepSpec& spec = plan.steps()[i].spec;
-        manager.addProcList(spec.backend, spec.module, spec.index, plan.sourceFor(i),
-                            plan.steps()[i].destination.get(), nullptr, nullptr);
-    }
-    const uint64_t saveEvery = options.saveEvery;
-    manager.registerDisplayerCallback([&](int tag, int position, const QRV_Image& destination) {
-        const Clock::time_point now = Clock::now();
-        stats.stepSucceeded(tag, position, now);
-        if (saver && saveEvery != 0 && static_cast<uint64_t>(tag) % saveEvery == 0) {
-            try {
-                saver->enqueue(ImageSaver::pictureName(tag, static_cast<size_t>(position), destination.format),
-                               destination);
-            } catch (const std::exception&) {
-                // A picture that cannot be queued is counted as skipped by the saver.
-            }
-        }
-    });
-    // The manager's log line for a failed step runs on the worker, between
-    // the steps of a pass: the first step's source then holds the frame.
-    QRV_Image& frameCopy = plan.firstSource();
-    LogRouter::setListener([&](int code) { stats.stepFailed(frameCopy.frameTag, code); },
-                           [&] { stats.managerError(); });
-
-    const bool terminal = ::isatty(STDERR_FILENO) == 1;
-    ProgressReporter progress(stderr, terminal, [&] {
-        return ProgressReporter::Counts{stats.delivered(), stats.passes(), stats.droppedSoFar()};
-    });
-
-    interrupted.store(false);
-    SignalScope signals;
-    manager.initialize();
-    progress.start();
-
+// Delivers the source's frames to the manager from a thread of its own, as a
+// capture thread would, until the source ends, the count is reached or the
+// run is interrupted. Returns the source's read error, if any.
+std::string deliverFrames(const Options& options, FrameSource& source, RunStatistics& stats,
+                          CImageProcessMng& manager)
+{
     std::string readError;
     std::thread producer([&] {
         QRV_Image frame(options.width, options.height, En_ImageFormat::YUV422_8, true, 1);
         frame.yuvLayout = static_cast<int32_t>(options.layout);
         Pacer pacer(options.fps);
-        for (int32_t tag = 0; !interrupted.load() && tag < INT32_MAX; ++tag) {
+        for (int32_t tag = 0; !Runner::interrupted.load() && tag < INT32_MAX; ++tag) {
             if (options.frames != 0 && static_cast<uint64_t>(tag) >= options.frames) break;
-            if (!source->nextFrame(frame)) {
-                readError = source->error();
+            if (!source.nextFrame(frame)) {
+                readError = source.error();
                 break;
             }
             pacer.waitForNextFrame();
@@ -196,32 +132,32 @@ int Runner::run(const Options& options)
         }
     });
     producer.join();
+    return readError;
+}
 
-    const uint64_t delivered = stats.delivered();
-    if (delivered > 0 && !stats.waitForPass(static_cast<int32_t>(delivered - 1), kLastPassTimeout)) {
-        summary.notes.push_back("the last frame's pass had not ended " + std::to_string(kLastPassTimeout.count()) +
-                                " s after delivery ended; stopped waiting");
-    }
-    manager.deinitialize();
-    LogRouter::clearListener();
-    progress.stop();
-
-    summary.source = source->description();
+void summarizeCounts(const Options& options, const FrameSource& source, const RunStatistics& stats,
+                     RunSummary& summary)
+{
+    summary.source = source.description();
     summary.width = options.width;
     summary.height = options.height;
     summary.layout = ImageNames::layoutName(options.layout);
     summary.fpsRequested = options.fps;
-    summary.delivered = delivered;
+    summary.delivered = stats.delivered();
     summary.passes = stats.passes();
-    summary.dropped = delivered - std::min(delivered, summary.passes);
-    summary.interrupted = interrupted.load();
+    summary.dropped = summary.delivered - std::min(summary.delivered, summary.passes);
+    summary.interrupted = Runner::interrupted.load();
     summary.managerErrors = stats.managerErrors();
-    if (delivered > 0) {
+    if (summary.delivered > 0) {
         const Clock::time_point end = std::max(stats.lastPassEnd(), stats.lastDelivery());
         summary.seconds = std::chrono::duration<double>(end - stats.firstDelivery()).count();
-        summary.deliveredFps = rate(delivered, stats.firstDelivery(), stats.lastDelivery());
+        summary.deliveredFps = rate(summary.delivered, stats.firstDelivery(), stats.lastDelivery());
         summary.processedFps = rate(summary.passes, stats.firstPassEnd(), stats.lastPassEnd());
     }
+}
+
+void summarizeSteps(const ProcessingPlan& plan, const RunStatistics& stats, RunSummary& summary)
+{
     for (size_t i = 0; i < plan.steps().size(); ++i) {
         const ProcessingPlan::Step& planned = plan.steps()[i];
         const RunStatistics::Step& counted = stats.steps()[i];
@@ -240,48 +176,130 @@ int Runner::run(const Options& options)
         step.latencyMaxMs = latency.max;
         summary.steps.push_back(std::move(step));
     }
-    if (!readError.empty()) summary.notes.push_back(readError);
+}
 
-    int status = readError.empty() ? 0 : kRunError;
-    if (saver) {
-        // The worker has stopped: each destination still holds the step's
-        // latest result, which is the last frame's unless the step failed.
-        saver->finish();
-        const std::vector<std::string> periodic = saver->written();
-        const std::set<std::string> already(periodic.begin(), periodic.end());
-        for (size_t i = 0; i < plan.steps().size(); ++i) {
-            const RunStatistics::Step& counted = stats.steps()[i];
-            const QRV_Image& destination = *plan.steps()[i].destination;
-            if (!counted.lastSucceeded) {
-                if (counted.successes + counted.failureCount() > 0) {
-                    summary.notes.push_back("step " + std::to_string(i) +
-                                            ": no picture of the last frame, the step's last pass failed");
-                }
-                continue;
+// Writes the last frame's pictures once the worker has stopped: each
+// destination still holds its step's latest result, which is the last
+// frame's unless the step failed on it. False if a picture could not be written.
+bool saveLastPictures(const ProcessingPlan& plan, const RunStatistics& stats, ImageSaver& saver,
+                      RunSummary& summary)
+{
+    saver.finish();
+    const std::vector<std::string> periodic = saver.written();
+    const std::set<std::string> already(periodic.begin(), periodic.end());
+    for (size_t i = 0; i < plan.steps().size(); ++i) {
+        const RunStatistics::Step& counted = stats.steps()[i];
+        const QRV_Image& destination = *plan.steps()[i].destination;
+        if (!counted.lastSucceeded) {
+            if (counted.successes + counted.failureCount() > 0) {
+                summary.notes.push_back("step " + std::to_string(i) +
+                                        ": no picture of the last frame, the step's last pass failed");
             }
-            const std::string name = ImageSaver::pictureName(counted.lastSuccessTag, i, destination.format);
-            if (already.count(name) == 0) saver->save(name, destination);
+            continue;
         }
-        summary.pictures = saver->written();
-        for (const std::string& failure : saver->errors()) summary.notes.push_back("not written: " + failure);
-        if (saver->skipped() != 0) {
-            summary.notes.push_back(std::to_string(saver->skipped()) +
-                                    " picture(s) skipped: the encoder could not keep up with --save-every");
-        }
-        if (!saver->errors().empty()) status = kRunError;
+        const std::string name = ImageSaver::pictureName(counted.lastSuccessTag, i, destination.format);
+        if (already.count(name) == 0) saver.save(name, destination);
     }
+    summary.pictures = saver.written();
+    for (const std::string& failure : saver.errors()) summary.notes.push_back("not written: " + failure);
+    if (saver.skipped() != 0) {
+        summary.notes.push_back(std::to_string(saver.skipped()) +
+                                " picture(s) skipped: the encoder could not keep up with --save-every");
+    }
+    return saver.errors().empty();
+}
+
+bool writeSummary(const OutputDirectory& outDir, const RunSummary& summary)
+{
+    const std::string json = summary.json();
+    std::string error;
+    const bool written = outDir.writeFile(
+        "summary.json",
+        [&](std::FILE* file, std::string&) { return std::fwrite(json.data(), 1, json.size(), file) == json.size(); },
+        error);
+    if (!written) std::fprintf(stderr, "ipm-run: %s\n", error.c_str());
+    return written;
+}
+
+}  // namespace
+
+int Runner::run(const Options& options)
+{
+    std::string error;
+    std::unique_ptr<FrameSource> source = openSource(options, error);
+    ProcessingPlan plan;
+    std::unique_ptr<OutputDirectory> outDir;
+    if (source && !options.outDir.empty()) outDir = std::make_unique<OutputDirectory>();
+    if (!source ||
+        !ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction, plan,
+                               error) ||
+        (outDir && !OutputDirectory::prepare(options.outDir, *outDir, error))) {
+        usageError(error);
+        return kUsageError;
+    }
+
+    RunStatistics stats(plan.steps().size());
+    RunSummary summary;
+    std::unique_ptr<ImageSaver> saver;
+    if (outDir && !PngWriter::available()) {
+        summary.notes.push_back("this ipm-run was built without libpng, so it writes no pictures");
+    } else if (outDir) {
+        saver = std::make_unique<ImageSaver>(*outDir, convertYuvForPicture, kSaverQueueBytes);
+    }
+
+    CImageProcessMng manager;
+    for (size_t i = 0; i < plan.steps().size(); ++i) {
+        const StepSpec& spec = plan.steps()[i].spec;
+        manager.addProcList(spec.backend, spec.module, spec.index, plan.sourceFor(i),
+                            plan.steps()[i].destination.get(), nullptr, nullptr);
+    }
+    const uint64_t saveEvery = options.saveEvery;
+    manager.registerDisplayerCallback([&](int tag, int position, const QRV_Image& destination) {
+        stats.stepSucceeded(tag, position, Clock::now());
+        // Only a copy is made here, on the worker; the saver's thread encodes.
+        if (saver && saveEvery != 0 && static_cast<uint64_t>(tag) % saveEvery == 0) {
+            try {
+                saver->enqueue(ImageSaver::pictureName(tag, static_cast<size_t>(position), destination.format),
+                               destination);
+            } catch (const std::exception&) {
+                // Without memory for the name the picture is left out; the run goes on.
+            }
+        }
+    });
+    // The manager's log line for a failed step runs on the worker, between
+    // the steps of a pass: the first step's source then holds the frame.
+    const QRV_Image& frameCopy = plan.firstSource();
+    LogRouter::setListener([&](int code) { stats.stepFailed(frameCopy.frameTag, code); },
+                           [&] { stats.managerError(); });
+
+    ProgressReporter progress(stderr, ::isatty(STDERR_FILENO) == 1, [&] {
+        return ProgressReporter::Counts{stats.delivered(), stats.passes(), stats.droppedSoFar()};
+    });
+    interrupted.store(false);
+    SignalScope signals;
+    manager.initialize();
+    progress.start();
+    const std::string readError = deliverFrames(options, *source, stats, manager);
+    const uint64_t delivered = stats.delivered();
+    if (delivered > 0 && !stats.waitForPass(static_cast<int32_t>(delivered - 1), kLastPassTimeout)) {
+        summary.notes.push_back("the last frame's pass had not ended " + std::to_string(kLastPassTimeout.count()) +
+                                " s after delivery ended; stopped waiting");
+    }
+    manager.deinitialize();
+    LogRouter::clearListener();
+    progress.stop();
+
+    summarizeCounts(options, *source, stats, summary);
+    summarizeSteps(plan, stats, summary);
+    int status = 0;
+    if (!readError.empty()) {
+        summary.notes.push_back(readError);
+        status = kRunError;
+    }
+    if (saver && !saveLastPictures(plan, stats, *saver, summary)) status = kRunError;
     if (outDir) {
         summary.outDir = outDir->path();
-        const std::string json = summary.json();
-        if (!outDir->writeFile(
-                "summary.json",
-                [&](std::FILE* file, std::string&) {
-                    return std::fwrite(json.data(), 1, json.size(), file) == json.size();
-                },
-                error)) {
-            std::fprintf(stderr, "ipm-run: %s\n", error.c_str());
-            status = kRunError;
-        }
+        if (!writeSummary(*outDir, summary)) status = kRunError;
     }
     std::fputs(summary.table().c_str(), stdout);
     std::fflush(stdout);
