@@ -50,9 +50,9 @@ TEST(IpmRunOptions, EveryOptionIsReadInBothSpellings)
 {
     Options options;
     std::string error;
-    ASSERT_TRUE(parse({"--input", "clip.yuv", "--size=640x360", "--layout", "vyuy", "--fps=12.5", "--frames", "7",
-                       "--step", "CPU Serial/Converter/1", "--step=frame:GPU CUDA/User_Custom/-3:YUV422", "--out",
-                       "out dir", "--save-every=4", "--log-level", "3"},
+    ASSERT_TRUE(parse({"--input", "clip.yuv", "--size=640x360", "--layout", "vyuy", "--fps=12.5", "--frames",
+                       "7", "--step", "CPU Serial/Converter/1", "--step=frame:GPU CUDA/User_Custom/-3:YUV422",
+                       "--out", "out dir", "--save-every=4", "--log-level", "3"},
                       options, error))
         << error;
     EXPECT_EQ(options.input, "clip.yuv");
@@ -130,7 +130,8 @@ TEST(IpmRunOptions, BadCommandLinesAreRefusedWithAMessageNamingTheProblem)
         Options options;
         std::string error;
         EXPECT_FALSE(parse(args, options, error)) << args[0];
-        EXPECT_NE(error.find(expected), std::string::npos) << "message: " << error << "\nexpected: " << expected;
+        EXPECT_NE(error.find(expected), std::string::npos)
+            << "message: " << error << "\nexpected: " << expected;
         EXPECT_EQ(error.find('\n'), std::string::npos) << error;
     }
 }
@@ -180,8 +181,8 @@ TEST(IpmRunPlan, BuiltInConvertersGiveTheirFormatsAndStepsChain)
     ProcessingPlan plan;
     std::string error;
     ASSERT_TRUE(ProcessingPlan::build(
-        steps({"CPU Serial/Converter/1", "CPU Parallel/Converter/2", "frame:CPU Parallel/Converter/0"}), 64, 48,
-        En_YuvLayout::UYVY, lookup, plan, error))
+        steps({"CPU Serial/Converter/1", "CPU Parallel/Converter/2", "frame:CPU Parallel/Converter/0"}), 64,
+        48, En_YuvLayout::UYVY, lookup, plan, error))
         << error;
     ASSERT_EQ(plan.steps().size(), 3u);
     EXPECT_EQ(plan.steps()[0].name, "function 1");

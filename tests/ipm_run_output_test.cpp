@@ -122,11 +122,12 @@ TEST(IpmRunOutputDirectory, AFileAppearsWholeOrNotAtAll)
     std::string error;
     ASSERT_TRUE(OutputDirectory::prepare(dir.path(), out, error)) << error;
 
-    ASSERT_TRUE(out.writeFile("summary.json", [](std::FILE* f, std::string&) { return writeText(f, "first"); },
-                              error))
+    ASSERT_TRUE(out.writeFile(
+        "summary.json", [](std::FILE* f, std::string&) { return writeText(f, "first"); }, error))
         << error;
     EXPECT_EQ(readFile(dir.file("summary.json")), "first");
-    EXPECT_EQ(fs::status(dir.file("summary.json")).permissions() & fs::perms::others_read, fs::perms::others_read);
+    EXPECT_EQ(fs::status(dir.file("summary.json")).permissions() & fs::perms::others_read,
+              fs::perms::others_read);
 
     // A writer that fails halfway leaves the old file and no temporary one.
     EXPECT_FALSE(out.writeFile(
@@ -140,8 +141,8 @@ TEST(IpmRunOutputDirectory, AFileAppearsWholeOrNotAtAll)
     EXPECT_EQ(error, "stopped");
     EXPECT_EQ(readFile(dir.file("summary.json")), "first");
 
-    ASSERT_TRUE(out.writeFile("summary.json", [](std::FILE* f, std::string&) { return writeText(f, "second"); },
-                              error));
+    ASSERT_TRUE(out.writeFile(
+        "summary.json", [](std::FILE* f, std::string&) { return writeText(f, "second"); }, error));
     EXPECT_EQ(readFile(dir.file("summary.json")), "second");
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"summary.json"});
 }
@@ -156,10 +157,12 @@ TEST(IpmRunPngWriter, PicturesDecodeToTheImagesBytes)
     const En_ImageFormat formats[] = {En_ImageFormat::Gray8, En_ImageFormat::RGB888, En_ImageFormat::BGR888};
     uint32_t seed = 1;
     for (const En_ImageFormat format : formats) {
-        for (const auto& [width, height] : std::vector<std::pair<uint32_t, uint32_t>>{{1, 1}, {7, 3}, {64, 33}}) {
+        for (const auto& [width, height] :
+             std::vector<std::pair<uint32_t, uint32_t>>{{1, 1}, {7, 3}, {64, 33}}) {
             const QRV_Image image = randomImage(width, height, format, seed++);
             ASSERT_TRUE(out.writeFile(
-                "p.png", [&](std::FILE* f, std::string& message) { return PngWriter::write(f, image, message); },
+                "p.png",
+                [&](std::FILE* f, std::string& message) { return PngWriter::write(f, image, message); },
                 error))
                 << error;
             qrvtest::PngPicture picture;
@@ -212,7 +215,8 @@ TEST(IpmRunImageSaver, QueuedCopiesAreWrittenAndYuvGoesThroughTheConverter)
 
     auto written = saver.written();
     std::sort(written.begin(), written.end());
-    EXPECT_EQ(written, (std::vector<std::string>{"frame000003-step0-YUV422.png", "frame000012-step1-Gray8.png"}));
+    EXPECT_EQ(written,
+              (std::vector<std::string>{"frame000003-step0-YUV422.png", "frame000012-step1-Gray8.png"}));
     EXPECT_TRUE(saver.errors().empty());
     qrvtest::PngPicture picture;
     ASSERT_TRUE(qrvtest::readPng(dir.file("frame000012-step1-Gray8.png"), picture, error)) << error;
@@ -230,14 +234,16 @@ TEST(IpmRunImageSaver, AFullQueueSkipsPicturesAndAFailedConversionIsReported)
     OutputDirectory out;
     std::string error;
     ASSERT_TRUE(OutputDirectory::prepare(dir.path(), out, error));
-    ImageSaver saver(out, [](const QRV_Image&, QRV_Image&) { return 9; }, 100);
+    ImageSaver saver(
+        out, [](const QRV_Image&, QRV_Image&) { return 9; }, 100);
     const QRV_Image big = randomImage(101, 1, En_ImageFormat::Gray8, 5);
     EXPECT_FALSE(saver.enqueue("big.png", big));
     EXPECT_FALSE(saver.save("yuv.png", randomImage(4, 2, En_ImageFormat::YUV422_8, 6)));
     saver.finish();
     EXPECT_EQ(saver.skipped(), 1u);
     ASSERT_EQ(saver.errors().size(), 1u);
-    EXPECT_NE(saver.errors()[0].find("yuv.png: converting YUV422 to RGB888 for the picture failed with result code 9"),
+    EXPECT_NE(saver.errors()[0].find(
+                  "yuv.png: converting YUV422 to RGB888 for the picture failed with result code 9"),
               std::string::npos)
         << saver.errors()[0];
     EXPECT_TRUE(dir.entries().empty());
@@ -401,7 +407,7 @@ TEST(IpmRunLogRouter, RecognisesTheManagersFailureLines)
     record.file = "CImageProcessMng";
     record.level = qrvlog::LogLevel::Trace;
     const std::pair<std::wstring, int> cases[] = {
-        {L"process error: 9", 9}, {L"process error: 4", 4}, {L"process error: -2", -2},
+        {L"process error: 9", 9}, {L"process error: 4", 4},   {L"process error: -2", -2},
         {L"process error: ", -1}, {L"process error: 9x", -1}, {L"Called", -1},
     };
     for (const auto& [text, expected] : cases) {

@@ -21,7 +21,8 @@ using qrv_img::QRV_Image;
 
 namespace {
 
-const En_YuvLayout kLayouts[] = {En_YuvLayout::YUYV, En_YuvLayout::UYVY, En_YuvLayout::YVYU, En_YuvLayout::VYUY};
+const En_YuvLayout kLayouts[] = {En_YuvLayout::YUYV, En_YuvLayout::UYVY, En_YuvLayout::YVYU,
+                                 En_YuvLayout::VYUY};
 
 QRV_Image yuvFrame(uint32_t width, uint32_t height)
 {
@@ -179,7 +180,8 @@ TEST(IpmRunSyntheticCamera, TheFrameNumberIsDrawnInTheBitmapFont)
 
 TEST(IpmRunSyntheticCamera, TinyAndNarrowFramesAreDrawnWithoutOverrun)
 {
-    for (const auto& [width, height] : std::vector<std::pair<uint32_t, uint32_t>>{{2, 1}, {2, 2}, {4, 3}, {6, 64}}) {
+    for (const auto& [width, height] :
+         std::vector<std::pair<uint32_t, uint32_t>>{{2, 1}, {2, 2}, {4, 3}, {6, 64}}) {
         SyntheticCamera camera(width, height, En_YuvLayout::UYVY);
         QRV_Image frame = yuvFrame(width, height);
         EXPECT_TRUE(camera.nextFrame(frame));
@@ -207,8 +209,8 @@ TEST(IpmRunRawYuvReader, ReadsWholeFramesInOrderAndWarnsAboutATrailingPartialFra
     QRV_Image frame = yuvFrame(width, height);
     for (size_t f = 0; f < 3; ++f) {
         ASSERT_TRUE(reader->nextFrame(frame)) << reader->error();
-        EXPECT_EQ(bytesOf(frame), std::vector<uint8_t>(bytes.begin() + f * frameBytes,
-                                                       bytes.begin() + (f + 1) * frameBytes));
+        EXPECT_EQ(bytesOf(frame),
+                  std::vector<uint8_t>(bytes.begin() + f * frameBytes, bytes.begin() + (f + 1) * frameBytes));
         EXPECT_EQ(frame.yuvLayout, static_cast<int32_t>(En_YuvLayout::YVYU));
     }
     EXPECT_FALSE(reader->nextFrame(frame));

@@ -69,7 +69,8 @@ qrvtest::ProcessResult ipmRun(const std::vector<std::string>& args)
 
 std::string describe(const qrvtest::ProcessResult& result)
 {
-    return "exit " + std::to_string(result.exitCode) + "\nstdout:\n" + result.out + "\nstderr:\n" + result.err;
+    return "exit " + std::to_string(result.exitCode) + "\nstdout:\n" + result.out + "\nstderr:\n" +
+           result.err;
 }
 
 std::string readFile(const std::string& path)
@@ -96,8 +97,8 @@ const char* layoutName(En_YuvLayout layout)
 }
 
 // Frames of random bytes, written back to back as a raw clip.
-std::vector<std::vector<uint8_t>> writeClip(const std::string& path, int frames, uint32_t width, uint32_t height,
-                                            uint32_t seed)
+std::vector<std::vector<uint8_t>> writeClip(const std::string& path, int frames, uint32_t width,
+                                            uint32_t height, uint32_t seed)
 {
     std::mt19937 random(seed);
     std::vector<std::vector<uint8_t>> clip(frames, std::vector<uint8_t>(2ull * width * height));
@@ -120,7 +121,8 @@ struct Step {
 
 En_ImageFormat converterDestination(int index)
 {
-    static const En_ImageFormat kFormats[] = {En_ImageFormat::RGB888, En_ImageFormat::BGR888, En_ImageFormat::Gray8};
+    static const En_ImageFormat kFormats[] = {En_ImageFormat::RGB888, En_ImageFormat::BGR888,
+                                              En_ImageFormat::Gray8};
     return kFormats[index];
 }
 
@@ -142,8 +144,8 @@ std::vector<QRV_Image> expectedDestinations(const QRV_Image& frame, const std::v
     for (size_t i = 0; i < steps.size(); ++i) {
         const QRV_Image* source = i == 0 || steps[i].fromFrame ? &frame : &destinations[i - 1];
         QRV_Image destination(frame.width, frame.height, converterDestination(steps[i].index), true, 1);
-        const int code = CIpmFuncTable::Instance()->process(steps[i].backend, EnIpmModule::Converter,
-                                                            steps[i].index, source, &destination, nullptr, nullptr);
+        const int code = CIpmFuncTable::Instance()->process(
+            steps[i].backend, EnIpmModule::Converter, steps[i].index, source, &destination, nullptr, nullptr);
         EXPECT_EQ(code, 1) << steps[i].text;
         destinations.push_back(std::move(destination));
     }
@@ -264,13 +266,18 @@ TEST_P(IpmRunClip, PicturesEqualTheConvertersOutputForEveryProcessingList)
     const uint32_t height = 24;
     const int frames = 4;
     TempDir dir;
-    const auto clip = writeClip(dir.file("clip.yuv"), frames, width, height, 100 + static_cast<uint32_t>(layout));
+    const auto clip =
+        writeClip(dir.file("clip.yuv"), frames, width, height, 100 + static_cast<uint32_t>(layout));
     for (size_t list = 0; list < kLists.size(); ++list) {
         SCOPED_TRACE("processing list " + std::to_string(list));
         const std::vector<Step>& steps = kLists[list];
         const std::string out = dir.file("out" + std::to_string(list));
-        std::vector<std::string> args = {"--input", dir.file("clip.yuv"), "--size", "64x24", "--layout",
-                                         layoutName(layout), "--fps", "0", "--out", out, "--save-every", "1"};
+        std::vector<std::string> args = {"--input",      dir.file("clip.yuv"),
+                                         "--size",       "64x24",
+                                         "--layout",     layoutName(layout),
+                                         "--fps",        "0",
+                                         "--out",        out,
+                                         "--save-every", "1"};
         const auto stepsArgs = stepArgs(steps);
         args.insert(args.end(), stepsArgs.begin(), stepsArgs.end());
         const auto result = ipmRun(args);
@@ -283,7 +290,8 @@ TEST_P(IpmRunClip, PicturesEqualTheConvertersOutputForEveryProcessingList)
 
         const auto pictures = picturesIn(out);
         std::set<std::string> listed;
-        for (size_t i = 0; i < summary["pictures"].size(); ++i) listed.insert(summary["pictures"][i].string());
+        for (size_t i = 0; i < summary["pictures"].size(); ++i)
+            listed.insert(summary["pictures"][i].string());
         std::set<std::string> found;
         std::set<int> framesSeen;
         for (const auto& [name, picture] : pictures) {
@@ -314,8 +322,8 @@ INSTANTIATE_TEST_SUITE_P(EveryLayout, IpmRunClip,
 TEST(IpmRun, TheSyntheticCameraReachesTheListAndItsLastFrameIsSaved)
 {
     TempDir dir;
-    const auto result = ipmRun({"--size", "96x48", "--layout", "YVYU", "--frames", "3", "--fps", "0", "--out",
-                                dir.file("out")});
+    const auto result = ipmRun(
+        {"--size", "96x48", "--layout", "YVYU", "--frames", "3", "--fps", "0", "--out", dir.file("out")});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
     const std::vector<Step> steps = kLists[0];
     const JsonValue summary = readSummary(dir.file("out"));
@@ -332,12 +340,14 @@ TEST(IpmRun, TheSyntheticCameraReachesTheListAndItsLastFrameIsSaved)
     expectPictureEquals(dir.file("out/frame000002-step1-Gray8.png"), expected[1]);
     EXPECT_EQ(picturesIn(dir.file("out")).size(), 2u) << "without --save-every only the last frame";
     // The summary table on stdout says where the pictures are.
-    EXPECT_NE(result.out.find(dir.file("out") + "/frame000002-step1-Gray8.png"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(dir.file("out") + "/frame000002-step1-Gray8.png"), std::string::npos)
+        << result.out;
 }
 
 TEST(IpmRun, SaveEveryWritesEveryNthProcessedFrame)
 {
-    if (!qrvtest::pngReaderAvailable()) GTEST_SKIP() << "this build has no libpng, so ipm-run writes no pictures";
+    if (!qrvtest::pngReaderAvailable())
+        GTEST_SKIP() << "this build has no libpng, so ipm-run writes no pictures";
     TempDir dir;
     writeClip(dir.file("clip.yuv"), 10, 16, 8, 7);
     const auto result = ipmRun({"--input", dir.file("clip.yuv"), "--size", "16x8", "--fps", "100", "--out",
@@ -362,9 +372,9 @@ TEST(IpmRun, FailingStepsAreCountedWithTheirResultCode)
     writeClip(dir.file("clip.yuv"), 3, 8, 4, 9);
     // The serial gray conversion refuses a YUV source with code 9; the next
     // step reads the frame and succeeds.
-    const auto result = ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x4", "--fps", "0", "--out",
-                                dir.file("out"), "--step", "CPU Serial/Converter/2", "--step",
-                                "frame:CPU Serial/Converter/0"});
+    const auto result =
+        ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x4", "--fps", "0", "--out", dir.file("out"),
+                "--step", "CPU Serial/Converter/2", "--step", "frame:CPU Serial/Converter/0"});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
     const JsonValue summary = readSummary(dir.file("out"));
     const double passes = summary["passes"].number();
@@ -393,8 +403,8 @@ TEST(IpmRun, ATrailingPartialFrameIsSkippedWithAWarning)
         std::ofstream append(dir.file("clip.yuv"), std::ios::binary | std::ios::app);
         append.write("0123456789", 10);
     }
-    const auto result = ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x4", "--fps", "0", "--out",
-                                dir.file("out")});
+    const auto result =
+        ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x4", "--fps", "0", "--out", dir.file("out")});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
     EXPECT_NE(result.err.find("warning: input file '" + dir.file("clip.yuv") +
                               "' holds 2 whole 8x4 frames and 10 trailing bytes, which are skipped"),
@@ -407,11 +417,12 @@ TEST(IpmRun, FramesLimitsTheCount)
 {
     TempDir dir;
     writeClip(dir.file("clip.yuv"), 5, 8, 2, 12);
-    const auto fromFile = ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x2", "--fps", "0", "--frames", "2",
-                                  "--out", dir.file("file")});
+    const auto fromFile = ipmRun({"--input", dir.file("clip.yuv"), "--size", "8x2", "--fps", "0", "--frames",
+                                  "2", "--out", dir.file("file")});
     ASSERT_EQ(fromFile.exitCode, 0) << describe(fromFile);
     EXPECT_EQ(readSummary(dir.file("file"))["frames"]["delivered"].number(), 2);
-    const auto synthetic = ipmRun({"--size", "16x8", "--fps", "0", "--frames", "4", "--out", dir.file("camera")});
+    const auto synthetic =
+        ipmRun({"--size", "16x8", "--fps", "0", "--frames", "4", "--out", dir.file("camera")});
     ASSERT_EQ(synthetic.exitCode, 0) << describe(synthetic);
     EXPECT_EQ(readSummary(dir.file("camera"))["frames"]["delivered"].number(), 4);
 }
@@ -421,7 +432,8 @@ TEST(IpmRun, FpsPacesDeliveryLikeACamera)
 {
     TempDir dir;
     const auto start = std::chrono::steady_clock::now();
-    const auto result = ipmRun({"--size", "32x16", "--fps", "30", "--frames", "60", "--out", dir.file("out")});
+    const auto result =
+        ipmRun({"--size", "32x16", "--fps", "30", "--frames", "60", "--out", dir.file("out")});
     const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     ASSERT_EQ(result.exitCode, 0) << describe(result);
     const JsonValue summary = readSummary(dir.file("out"));
@@ -456,8 +468,11 @@ TEST(IpmRun, AnInterruptedRunStillReports)
 
 TEST(IpmRun, LogLevelShowsTheLibrarysLogAtThatVerbosity)
 {
-    const std::vector<std::string> run = {"--size", "8x2", "--fps", "0", "--frames", "2", "--step",
-                                          "CPU Parallel/Converter/0", "--step", "CPU Parallel/Converter/0"};
+    const std::vector<std::string> run = {"--size",   "8x2",
+                                          "--fps",    "0",
+                                          "--frames", "2",
+                                          "--step",   "CPU Parallel/Converter/0",
+                                          "--step",   "CPU Parallel/Converter/0"};
     auto withLevel = [&](const std::string& level) {
         std::vector<std::string> args = run;
         if (!level.empty()) args.insert(args.end(), {"--log-level", level});
@@ -468,7 +483,8 @@ TEST(IpmRun, LogLevelShowsTheLibrarysLogAtThatVerbosity)
     const auto silent = withLevel("");
     const auto errors = withLevel("1");
     const auto traces = withLevel("3");
-    for (const auto* result : {&silent, &errors, &traces}) ASSERT_EQ(result->exitCode, 0) << describe(*result);
+    for (const auto* result : {&silent, &errors, &traces})
+        ASSERT_EQ(result->exitCode, 0) << describe(*result);
     EXPECT_EQ(silent.err.find("[TRACE]"), std::string::npos) << silent.err;
     EXPECT_EQ(silent.err.find("[ERROR]"), std::string::npos) << silent.err;
     EXPECT_EQ(errors.err.find("[TRACE]"), std::string::npos) << errors.err;
@@ -491,8 +507,8 @@ TEST(IpmRun, HelpDocumentsEveryOption)
 {
     const auto result = ipmRun({"--help"});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
-    for (const char* option : {"--input", "--size", "--layout", "--fps", "--frames", "--step", "frame:", "--out",
-                               "--save-every", "--list", "--log-level", "--help"}) {
+    for (const char* option : {"--input", "--size", "--layout", "--fps", "--frames", "--step",
+                               "frame:", "--out", "--save-every", "--list", "--log-level", "--help"}) {
         EXPECT_NE(result.out.find(option), std::string::npos) << option;
     }
 }
@@ -514,7 +530,8 @@ TEST(IpmRun, BadInputIsRefusedWithStatusTwoAndWritesNothing)
         {{"--step", "CPU Parallel/Converter/9", "--out", out}, "no function at CPU Parallel/Converter/9"},
         {{"--step", "CPU Serial/User_Custom/0:RGBA", "--out", out}, "unknown format 'RGBA'"},
         {{"--layout", "YUY2", "--out", out}, "unknown layout 'YUY2'"},
-        {{"--input", clip, "--size", "64x64", "--out", out}, "holds 64 bytes, less than one 64x64 YUV 4:2:2 frame"},
+        {{"--input", clip, "--size", "64x64", "--out", out},
+         "holds 64 bytes, less than one 64x64 YUV 4:2:2 frame"},
         {{"--input", clip, "--size", "7x4", "--out", out}, "odd width 7"},
         {{"--input", dir.file("missing.yuv"), "--size", "8x4", "--out", out}, "cannot open input file"},
         {{"--input", clip, "--out", out}, "--input needs --size"},
@@ -547,15 +564,15 @@ TEST(IpmRun, AgreesWithFfmpegOnAnFfmpegClip)
     }
     TempDir dir;
     const std::string clip = dir.file("clip.yuv");
-    const auto make = qrvtest::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i",
-                                          "testsrc2=size=160x90:rate=30", "-frames:v", "2", "-pix_fmt", "yuyv422",
-                                          "-f", "rawvideo", clip},
-                                         native);
+    const auto make =
+        qrvtest::runProcess({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=size=160x90:rate=30",
+                             "-frames:v", "2", "-pix_fmt", "yuyv422", "-f", "rawvideo", clip},
+                            native);
     ASSERT_EQ(make.exitCode, 0) << describe(make);
-    const auto toRgb = qrvtest::runProcess({"ffmpeg", "-v", "error", "-f", "rawvideo", "-pix_fmt", "yuyv422", "-s",
-                                           "160x90", "-i", clip, "-pix_fmt", "rgb24", "-f", "rawvideo",
-                                           dir.file("clip.rgb")},
-                                          native);
+    const auto toRgb =
+        qrvtest::runProcess({"ffmpeg", "-v", "error", "-f", "rawvideo", "-pix_fmt", "yuyv422", "-s", "160x90",
+                             "-i", clip, "-pix_fmt", "rgb24", "-f", "rawvideo", dir.file("clip.rgb")},
+                            native);
     ASSERT_EQ(toRgb.exitCode, 0) << describe(toRgb);
     const std::string rgb = readFile(dir.file("clip.rgb"));
     const size_t frameBytes = 160 * 90 * 3;
@@ -583,8 +600,8 @@ TEST(IpmRun, AgreesWithFfmpegOnAnFfmpegClip)
         }
     }
     const double mean = total / static_cast<double>(samples);
-    std::printf("serial converter vs ffmpeg rgb24 over %zu samples: largest difference %d, mean %.3f\n", samples,
-                largest, mean);
+    std::printf("serial converter vs ffmpeg rgb24 over %zu samples: largest difference %d, mean %.3f\n",
+                samples, largest, mean);
     // Measured here: largest 3, mean 0.93 (swscale's default fast path rounds
     // coarser than the converter). A wrong matrix or range would be off by
     // tens of levels on the clip's saturated colours.

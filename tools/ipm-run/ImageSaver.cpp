@@ -34,7 +34,8 @@ bool ImageSaver::enqueue(const std::string& name, const QRV_Image& image)
     const size_t bytes = image.pixelBytes();
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (finishing_ || queuedBytes_ + bytes > maxQueuedBytes_ || !image.pixels() || image.dataSize < bytes) {
+        if (finishing_ || queuedBytes_ + bytes > maxQueuedBytes_ || !image.pixels() ||
+            image.dataSize < bytes) {
             ++skipped_;
             return false;
         }
@@ -66,7 +67,8 @@ bool ImageSaver::save(const std::string& name, const QRV_Image& image)
         converted = QRV_Image(image.width, image.height, En_ImageFormat::RGB888, true, 1);
         const int code = yuvToRgb_ ? yuvToRgb_(image, converted) : 0;
         if (code != 1) {
-            error = "converting YUV422 to RGB888 for the picture failed with result code " + std::to_string(code);
+            error =
+                "converting YUV422 to RGB888 for the picture failed with result code " + std::to_string(code);
         }
         picture = &converted;
     }

@@ -67,7 +67,8 @@ void LogRouter::install(int printLevel)
 
 void LogRouter::setListener(std::function<void(int code)> onStepFailed, std::function<void()> onManagerError)
 {
-    auto next = std::make_shared<const Listener>(Listener{std::move(onStepFailed), std::move(onManagerError)});
+    auto next =
+        std::make_shared<const Listener>(Listener{std::move(onStepFailed), std::move(onManagerError)});
     std::lock_guard<std::mutex> lock(listenerMutex());
     listener() = std::move(next);
 }

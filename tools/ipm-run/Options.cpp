@@ -108,7 +108,8 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
         } else if (name == "--fps") {
             if (!takeValue()) return false;
             if (!parseFps(value, options.fps)) {
-                error = "bad frame rate '" + value + "' (a number of frames per second, 0 for as fast as possible)";
+                error = "bad frame rate '" + value +
+                        "' (a number of frames per second, 0 for as fast as possible)";
                 return false;
             }
         } else if (name == "--frames") {

@@ -29,13 +29,13 @@ public:
     uint32_t height = 720;
     bool sizeGiven = false;
     qrv_img::En_YuvLayout layout = qrv_img::En_YuvLayout::YUYV;
-    double fps = 30.0;        // 0: as fast as the source allows
-    uint64_t frames = 0;      // 0: the source's own end
+    double fps = 30.0;    // 0: as fast as the source allows
+    uint64_t frames = 0;  // 0: the source's own end
     bool framesGiven = false;
     std::vector<StepSpec> steps;
-    std::string outDir;       // empty: no files
-    uint64_t saveEvery = 0;   // 0: the last frame only
-    int logLevel = 0;         // 0: the library's log stays silent
+    std::string outDir;      // empty: no files
+    uint64_t saveEvery = 0;  // 0: the last frame only
+    int logLevel = 0;        // 0: the library's log stays silent
 
     // Frames the synthetic camera delivers when --frames is not given.
     static constexpr uint64_t kSyntheticDefaultFrames = 150;

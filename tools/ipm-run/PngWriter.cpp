@@ -72,7 +72,8 @@ bool PngWriter::available()
 bool PngWriter::write(std::FILE* file, const qrv_img::QRV_Image& image, std::string& error)
 {
     const En_ImageFormat format = image.format;
-    if (format != En_ImageFormat::Gray8 && format != En_ImageFormat::RGB888 && format != En_ImageFormat::BGR888) {
+    if (format != En_ImageFormat::Gray8 && format != En_ImageFormat::RGB888 &&
+        format != En_ImageFormat::BGR888) {
         error = "PNG output takes Gray8, RGB888 or BGR888, not " + ImageNames::formatName(format);
         return false;
     }

@@ -9,7 +9,8 @@ using qrv_img::QRV_Image;
 
 bool ProcessingPlan::builtInDestination(const StepSpec& spec, En_ImageFormat& out)
 {
-    const bool cpu = spec.backend == EnProcessBackend::CPU_Serial || spec.backend == EnProcessBackend::CPU_Parallel;
+    const bool cpu =
+        spec.backend == EnProcessBackend::CPU_Serial || spec.backend == EnProcessBackend::CPU_Parallel;
     if (!cpu || spec.module != EnIpmModule::Converter) return false;
     static const En_ImageFormat kDestinations[] = {En_ImageFormat::RGB888, En_ImageFormat::BGR888,
                                                    En_ImageFormat::Gray8};

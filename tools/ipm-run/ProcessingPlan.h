@@ -21,7 +21,8 @@ class ProcessingPlan {
 public:
     // Finds the display name of the function at the coordinates; false if
     // nothing is registered there.
-    using Lookup = std::function<bool(ipmcommon::EnProcessBackend, ipmcommon::EnIpmModule, int, std::wstring&)>;
+    using Lookup =
+        std::function<bool(ipmcommon::EnProcessBackend, ipmcommon::EnIpmModule, int, std::wstring&)>;
 
     struct Step {
         StepSpec spec;

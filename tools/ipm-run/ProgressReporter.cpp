@@ -49,7 +49,8 @@ void ProgressReporter::run_()
         const Counts now = counts_();
         const Clock::time_point time = Clock::now();
         const double seconds = std::chrono::duration<double>(time - previousTime).count();
-        const double fps = seconds > 0.0 ? static_cast<double>(now.processed - previous.processed) / seconds : 0.0;
+        const double fps =
+            seconds > 0.0 ? static_cast<double>(now.processed - previous.processed) / seconds : 0.0;
         const std::string line = format(now, fps);
         if (terminal_) {
             // Pad over a longer previous line.

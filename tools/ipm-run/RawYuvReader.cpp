@@ -31,14 +31,15 @@ std::unique_ptr<RawYuvReader> RawYuvReader::open(const std::string& path, uint32
     const std::string geometry = std::to_string(width) + "x" + std::to_string(height);
     reader->frameCount_ = size / reader->frameBytes_;
     if (reader->frameCount_ == 0) {
-        error = "input file '" + path + "' holds " + std::to_string(size) + " bytes, less than one " + geometry +
-                " YUV 4:2:2 frame (" + std::to_string(reader->frameBytes_) + " bytes): check --size";
+        error = "input file '" + path + "' holds " + std::to_string(size) + " bytes, less than one " +
+                geometry + " YUV 4:2:2 frame (" + std::to_string(reader->frameBytes_) +
+                " bytes): check --size";
         return nullptr;
     }
     const uint64_t trailing = size % reader->frameBytes_;
     if (trailing != 0) {
-        warning = "input file '" + path + "' holds " + std::to_string(reader->frameCount_) + " whole " + geometry +
-                  " frames and " + std::to_string(trailing) +
+        warning = "input file '" + path + "' holds " + std::to_string(reader->frameCount_) + " whole " +
+                  geometry + " frames and " + std::to_string(trailing) +
                   " trailing bytes, which are skipped (is --size right?)";
     }
     return reader;

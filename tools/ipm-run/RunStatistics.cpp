@@ -31,14 +31,14 @@ uint64_t RunStatistics::Step::failureCount() const
     return total;
 }
 
-RunStatistics::RunStatistics(size_t stepCount)
-    : deliveredAt_(kRing), origin_(Clock::now()), steps_(stepCount)
+RunStatistics::RunStatistics(size_t stepCount) : deliveredAt_(kRing), origin_(Clock::now()), steps_(stepCount)
 {
 }
 
 void RunStatistics::frameDelivered(int32_t tag, Clock::time_point when)
 {
-    deliveredAt_[static_cast<uint32_t>(tag) % kRing].store((when - origin_).count(), std::memory_order_relaxed);
+    deliveredAt_[static_cast<uint32_t>(tag) % kRing].store((when - origin_).count(),
+                                                           std::memory_order_relaxed);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (delivered_.load(std::memory_order_relaxed) == 0) firstDelivery_ = when;
@@ -84,7 +84,8 @@ void RunStatistics::stepReported_(int32_t tag, int position)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         const int32_t previous = lastPassTag_.load(std::memory_order_relaxed);
-        if (tag > previous + 1) dropped_.fetch_add(static_cast<uint64_t>(tag - previous - 1), std::memory_order_release);
+        if (tag > previous + 1)
+            dropped_.fetch_add(static_cast<uint64_t>(tag - previous - 1), std::memory_order_release);
         lastPassTag_.store(std::max(tag, previous), std::memory_order_release);
         lastPassEnd_ = Clock::now();
         if (passes_.load(std::memory_order_relaxed) == 0) firstPassEnd_ = lastPassEnd_;

@@ -47,7 +47,8 @@ public:
     // Worker thread: a step of the pass on frame `tag` succeeded or failed.
     void stepSucceeded(int32_t tag, int position, Clock::time_point when);
     void stepFailed(int32_t tag, int code);
-    // Worker thread: the manager caught an exception inside a pass.
+    // The manager logged an error: an exception it caught while taking a
+    // frame or running a pass.
     void managerError();
 
     // Waits until the pass on frame `tag` has completed, or the timeout has

@@ -64,7 +64,8 @@ std::string RunSummary::json() const
          ", \"dropped\": " + count(dropped) + "},\n";
     j += "  \"passes\": " + count(passes) + ",\n";
     j += "  \"seconds\": " + number(seconds) + ",\n";
-    j += "  \"fps\": {\"delivered\": " + number(deliveredFps) + ", \"processed\": " + number(processedFps) + "},\n";
+    j += "  \"fps\": {\"delivered\": " + number(deliveredFps) + ", \"processed\": " + number(processedFps) +
+         "},\n";
     j += "  \"interrupted\": " + std::string(interrupted ? "true" : "false") + ",\n";
     j += "  \"manager_errors\": " + count(managerErrors) + ",\n";
     j += "  \"steps\": [";
@@ -84,8 +85,8 @@ std::string RunSummary::json() const
              ", \"destination_format\": " + quote(s.destinationFormat) + ",\n";
         j += "     \"successes\": " + count(s.successes) + ", \"failures\": " + count(failed) +
              ", \"failure_codes\": {" + codes + "},\n";
-        j += "     \"latency_ms\": {\"median\": " + number(s.latencyMedianMs) + ", \"p99\": " +
-             number(s.latencyP99Ms) + ", \"max\": " + number(s.latencyMaxMs) + "}}";
+        j += "     \"latency_ms\": {\"median\": " + number(s.latencyMedianMs) +
+             ", \"p99\": " + number(s.latencyP99Ms) + ", \"max\": " + number(s.latencyMaxMs) + "}}";
     }
     j += steps.empty() ? "],\n" : "\n  ],\n";
     j += "  \"pictures\": [";
@@ -100,24 +101,24 @@ std::string RunSummary::table() const
 {
     char line[512];
     std::string t;
-    std::snprintf(line, sizeof line, "ipm-run: %s, %ux%u %s%s\n", source.c_str(), width, height, layout.c_str(),
-                  interrupted ? " (interrupted)" : "");
+    t += "ipm-run: " + source + ", " + std::to_string(width) + "x" + std::to_string(height) + " " + layout +
+         (interrupted ? " (interrupted)" : "") + "\n";
+    std::snprintf(
+        line, sizeof line,
+        "  %llu frames delivered (%.1f fps), %llu passes run (%.1f fps), %llu dropped (newest wins), "
+        "%.2f s\n\n",
+        static_cast<unsigned long long>(delivered), deliveredFps, static_cast<unsigned long long>(passes),
+        processedFps, static_cast<unsigned long long>(dropped), seconds);
     t += line;
-    std::snprintf(line, sizeof line,
-                  "  %llu frames delivered (%.1f fps), %llu passes run (%.1f fps), %llu dropped (newest wins), "
-                  "%.2f s\n\n",
-                  static_cast<unsigned long long>(delivered), deliveredFps, static_cast<unsigned long long>(passes),
-                  processedFps, static_cast<unsigned long long>(dropped), seconds);
-    t += line;
-    std::snprintf(line, sizeof line, "  %-3s %-36s %-8s %-8s %9s %7s %10s %9s %9s\n", "#", "step", "reads", "writes",
-                  "ok", "failed", "median ms", "p99 ms", "max ms");
+    std::snprintf(line, sizeof line, "  %-3s %-36s %-8s %-8s %9s %7s %10s %9s %9s\n", "#", "step", "reads",
+                  "writes", "ok", "failed", "median ms", "p99 ms", "max ms");
     t += line;
     for (const Step& s : steps) {
         uint64_t failed = 0;
         for (const auto& entry : s.failures) failed += entry.second;
         const std::string reads = s.readsFrame ? "frame" : s.sourceFormat;
-        std::snprintf(line, sizeof line, "  %-3zu %-36s %-8s %-8s %9llu %7llu %10.3f %9.3f %9.3f\n", s.position,
-                      s.step.c_str(), reads.c_str(), s.destinationFormat.c_str(),
+        std::snprintf(line, sizeof line, "  %-3zu %-36s %-8s %-8s %9llu %7llu %10.3f %9.3f %9.3f\n",
+                      s.position, s.step.c_str(), reads.c_str(), s.destinationFormat.c_str(),
                       static_cast<unsigned long long>(s.successes), static_cast<unsigned long long>(failed),
                       s.latencyMedianMs, s.latencyP99Ms, s.latencyMaxMs);
         t += line;
@@ -130,7 +131,7 @@ std::string RunSummary::table() const
         t += "  step " + std::to_string(s.position) + " failed: " + failureList(s.failures) + "\n";
     }
     if (managerErrors != 0) {
-        t += "  the manager caught " + count(managerErrors) + " exception(s) inside passes (see --log-level 1)\n";
+        t += "  the manager reported " + count(managerErrors) + " error(s) (see --log-level 1)\n";
     }
     for (const std::string& note : notes) t += "  note: " + note + "\n";
     if (!outDir.empty()) {
@@ -139,8 +140,8 @@ std::string RunSummary::table() const
         const size_t shown = pictures.size() <= kPicturesShown ? pictures.size() : kPicturesShown - 1;
         for (size_t i = 0; i < shown; ++i) t += "    " + outDir + "/" + pictures[i] + "\n";
         if (shown < pictures.size()) {
-            t += "    ... and " + std::to_string(pictures.size() - shown - 1) + " more, up to " + outDir + "/" +
-                 pictures.back() + "\n";
+            t += "    ... and " + std::to_string(pictures.size() - shown - 1) + " more, up to " + outDir +
+                 "/" + pictures.back() + "\n";
         }
     }
     return t;

@@ -97,7 +97,8 @@ std::unique_ptr<FrameSource> openSource(const Options& options, std::string& err
         return std::make_unique<SyntheticCamera>(options.width, options.height, options.layout);
     }
     std::string warning;
-    auto reader = RawYuvReader::open(options.input, options.width, options.height, options.layout, error, warning);
+    auto reader =
+        RawYuvReader::open(options.input, options.width, options.height, options.layout, error, warning);
     if (reader && !warning.empty()) std::fprintf(stderr, "ipm-run: warning: %s\n", warning.c_str());
     return reader;
 }
@@ -105,7 +106,8 @@ std::unique_ptr<FrameSource> openSource(const Options& options, std::string& err
 int convertYuvForPicture(const QRV_Image& yuv, QRV_Image& rgb)
 {
     return CIpmFuncTable::Instance()->process(ipmcommon::EnProcessBackend::CPU_Serial,
-                                              ipmcommon::EnIpmModule::Converter, 0, &yuv, &rgb, nullptr, nullptr);
+                                              ipmcommon::EnIpmModule::Converter, 0, &yuv, &rgb, nullptr,
+                                              nullptr);
 }
 
 // Delivers the source's frames to the manager from a thread of its own, as a
@@ -215,7 +217,9 @@ bool writeSummary(const OutputDirectory& outDir, const RunSummary& summary)
     std::string error;
     const bool written = outDir.writeFile(
         "summary.json",
-        [&](std::FILE* file, std::string&) { return std::fwrite(json.data(), 1, json.size(), file) == json.size(); },
+        [&](std::FILE* file, std::string&) {
+            return std::fwrite(json.data(), 1, json.size(), file) == json.size();
+        },
         error);
     if (!written) std::fprintf(stderr, "ipm-run: %s\n", error.c_str());
     return written;
@@ -231,8 +235,8 @@ int Runner::run(const Options& options)
     std::unique_ptr<OutputDirectory> outDir;
     if (source && !options.outDir.empty()) outDir = std::make_unique<OutputDirectory>();
     if (!source ||
-        !ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction, plan,
-                               error) ||
+        !ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction,
+                               plan, error) ||
         (outDir && !OutputDirectory::prepare(options.outDir, *outDir, error))) {
         usageError(error);
         return kUsageError;
@@ -259,8 +263,9 @@ int Runner::run(const Options& options)
         // Only a copy is made here, on the worker; the saver's thread encodes.
         if (saver && saveEvery != 0 && static_cast<uint64_t>(tag) % saveEvery == 0) {
             try {
-                saver->enqueue(ImageSaver::pictureName(tag, static_cast<size_t>(position), destination.format),
-                               destination);
+                saver->enqueue(
+                    ImageSaver::pictureName(tag, static_cast<size_t>(position), destination.format),
+                    destination);
             } catch (const std::exception&) {
                 // Without memory for the name the picture is left out; the run goes on.
             }
@@ -282,7 +287,8 @@ int Runner::run(const Options& options)
     const std::string readError = deliverFrames(options, *source, stats, manager);
     const uint64_t delivered = stats.delivered();
     if (delivered > 0 && !stats.waitForPass(static_cast<int32_t>(delivered - 1), kLastPassTimeout)) {
-        summary.notes.push_back("the last frame's pass had not ended " + std::to_string(kLastPassTimeout.count()) +
+        summary.notes.push_back("the last frame's pass had not ended " +
+                                std::to_string(kLastPassTimeout.count()) +
                                 " s after delivery ended; stopped waiting");
     }
     manager.deinitialize();

@@ -51,7 +51,8 @@ bool StepSpec::parse(const std::string& text, StepSpec& out, std::string& error)
     const size_t firstSlash = rest.find('/');
     const size_t secondSlash = firstSlash == std::string::npos ? firstSlash : rest.find('/', firstSlash + 1);
     if (secondSlash == std::string::npos || rest.find('/', secondSlash + 1) != std::string::npos) {
-        error = "step '" + text + "' is not BACKEND/MODULE/INDEX[:FORMAT] (for example \"CPU Parallel/Converter/0\")";
+        error = "step '" + text +
+                "' is not BACKEND/MODULE/INDEX[:FORMAT] (for example \"CPU Parallel/Converter/0\")";
         return false;
     }
     const std::string backendText = rest.substr(0, firstSlash);
@@ -71,13 +72,13 @@ bool StepSpec::parse(const std::string& text, StepSpec& out, std::string& error)
     }
 
     if (!CIpmFuncTable::TryParseBackend(qrvlog::fromUtf8(backendText), spec.backend)) {
-        error = "unknown backend '" + backendText + "' in step '" + text + "' (backends: " +
-                joinNames(CIpmFuncTable::getBackendNames()) + ")";
+        error = "unknown backend '" + backendText + "' in step '" + text +
+                "' (backends: " + joinNames(CIpmFuncTable::getBackendNames()) + ")";
         return false;
     }
     if (!CIpmFuncTable::TryParseModule(qrvlog::fromUtf8(moduleText), spec.module)) {
-        error = "unknown module '" + moduleText + "' in step '" + text + "' (modules: " +
-                joinNames(CIpmFuncTable::getModuleNames()) + ")";
+        error = "unknown module '" + moduleText + "' in step '" + text +
+                "' (modules: " + joinNames(CIpmFuncTable::getModuleNames()) + ")";
         return false;
     }
     if (!parseIndex(indexText, spec.index)) {

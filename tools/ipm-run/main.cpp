@@ -20,9 +20,11 @@ int listAlgorithms()
     const auto& backends = CIpmFuncTable::getBackendNames();
     const auto& modules = CIpmFuncTable::getModuleNames();
     std::printf("Backends:");
-    for (size_t b = 0; b < backends.size(); ++b) std::printf("%s %zu \"%s\"", b ? "," : "", b, qrvlog::toUtf8(backends[b]).c_str());
+    for (size_t b = 0; b < backends.size(); ++b)
+        std::printf("%s %zu \"%s\"", b ? "," : "", b, qrvlog::toUtf8(backends[b]).c_str());
     std::printf("\nModules:");
-    for (size_t m = 0; m < modules.size(); ++m) std::printf("%s %zu \"%s\"", m ? "," : "", m, qrvlog::toUtf8(modules[m]).c_str());
+    for (size_t m = 0; m < modules.size(); ++m)
+        std::printf("%s %zu \"%s\"", m ? "," : "", m, qrvlog::toUtf8(modules[m]).c_str());
     std::printf("\n\nRegistered algorithms (BACKEND/MODULE/INDEX  name):\n");
     size_t count = 0;
     for (size_t b = 0; b < backends.size(); ++b) {
