@@ -447,6 +447,62 @@ TEST(IpmRun, FpsPacesDeliveryLikeACamera)
     EXPECT_EQ(result.err.find('\r'), std::string::npos) << result.err;
 }
 
+// A plug-in step names its destination format; the example plug-in's mirror
+// and threshold run between the built-in converters.
+TEST(IpmRun, UserCustomStepsRunWithTheFormatTheyName)
+{
+#ifndef IPM_RUN_EXAMPLE_PLUGIN
+    GTEST_SKIP() << "the example plug-in is not part of this build";
+#else
+    TempDir dir;
+    // The library looks for the plug-in beside the executable.
+    fs::create_directory(dir.file("bin"));
+    fs::copy_file(kIpmRun, dir.file("bin/ipm-run"));
+    fs::copy_file(IPM_RUN_EXAMPLE_PLUGIN, dir.file("bin/libCIpmUserCustom.so"));
+    const std::string ipmRunWithPlugin = dir.file("bin/ipm-run");
+    const auto list = qrvtest::runProcess({ipmRunWithPlugin, "--list"});
+    ASSERT_EQ(list.exitCode, 0) << describe(list);
+    EXPECT_NE(list.out.find("CPU Serial/User_Custom/0  Mirror horizontal"), std::string::npos) << list.out;
+
+    const uint32_t width = 16;
+    const uint32_t height = 6;
+    const auto clip = writeClip(dir.file("clip.yuv"), 1, width, height, 21);
+    const auto result = qrvtest::runProcess(
+        {ipmRunWithPlugin, "--input", dir.file("clip.yuv"), "--size", "16x6", "--out", dir.file("out"),
+         "--step", "CPU Serial/Converter/0", "--step", "CPU Serial/User_Custom/0:RGB888", "--step",
+         "CPU Parallel/Converter/2", "--step", "CPU Serial/User_Custom/1:Gray8"});
+    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    const JsonValue summary = readSummary(dir.file("out"));
+    ASSERT_EQ(summary["steps"].size(), 4u);
+    EXPECT_EQ(summary["steps"][1]["name"].string(), "Mirror horizontal (RGB888/BGR888)");
+    EXPECT_EQ(summary["steps"][1]["destination_format"].string(), "RGB888");
+    EXPECT_EQ(summary["steps"][3]["destination_format"].string(), "Gray8");
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(summary["steps"][i]["successes"].number(), 1) << i;
+    if (!picturesCheckable(summary, dir.file("out"))) return;
+
+    QRV_Image frame(width, height, En_ImageFormat::YUV422_8, true, 1);
+    frame.yuvLayout = static_cast<int32_t>(En_YuvLayout::YUYV);
+    std::copy(clip[0].begin(), clip[0].end(), frame.pixels());
+    const auto converted = expectedDestinations(frame, {{"", EnProcessBackend::CPU_Serial, 0, false}});
+    QRV_Image mirrored(width, height, En_ImageFormat::RGB888, true, 1);
+    for (uint32_t y = 0; y < height; ++y) {
+        for (uint32_t x = 0; x < width; ++x) {
+            std::copy_n(converted[0].pixels() + (y * width + x) * 3, 3,
+                        mirrored.pixels() + (y * width + (width - 1 - x)) * 3);
+        }
+    }
+    QRV_Image gray(width, height, En_ImageFormat::Gray8, true, 1);
+    ASSERT_EQ(CIpmFuncTable::Instance()->process(EnProcessBackend::CPU_Parallel, EnIpmModule::Converter, 2,
+                                                 &mirrored, &gray, nullptr, nullptr),
+              1);
+    QRV_Image thresholded(width, height, En_ImageFormat::Gray8, true, 1);
+    for (size_t i = 0; i < gray.pixelBytes(); ++i)
+        thresholded.pixels()[i] = gray.pixels()[i] >= 128 ? 255 : 0;
+    expectPictureEquals(dir.file("out/frame000000-step1-RGB888.png"), mirrored);
+    expectPictureEquals(dir.file("out/frame000000-step3-Gray8.png"), thresholded);
+#endif
+}
+
 // Ctrl-C ends an endless run cleanly: delivery stops, the summary is
 // written whole and says the run was interrupted.
 TEST(IpmRun, AnInterruptedRunStillReports)
