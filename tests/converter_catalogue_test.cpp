@@ -29,19 +29,21 @@ std::atomic<long> allocations{0};
 
 }  // namespace
 
-void* operator new(size_t size)
+// Out of line, so that the compiler does not pair a new expression with the
+// free() inside.
+__attribute__((noinline)) void* operator new(size_t size)
 {
     ++allocations;
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
 
-void operator delete(void* memory) noexcept
+__attribute__((noinline)) void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void* memory, size_t) noexcept
+__attribute__((noinline)) void operator delete(void* memory, size_t) noexcept
 {
     std::free(memory);
 }

@@ -38,4 +38,8 @@ std::vector<qrvlog::LogRecord> parseRecords(const std::string& output);
 
 std::string utf8(const std::wstring& text);
 
+// The text of a source file's line (1-based), to check where a record says
+// it was written; empty past the end.
+std::string sourceLine(const std::string& file, int line);
+
 }  // namespace qrvtest
