@@ -84,12 +84,14 @@ TEST(IpmRunOptions, AFileRunsToItsEndAndFpsZeroMeansUnpaced)
     EXPECT_EQ(options.fps, 0.0);
 }
 
-TEST(IpmRunOptions, ListAndHelpChooseTheirMode)
+TEST(IpmRunOptions, ListReportAndHelpChooseTheirMode)
 {
     Options options;
     std::string error;
     ASSERT_TRUE(parse({"--list"}, options, error));
     EXPECT_EQ(options.mode, Options::Mode::List);
+    ASSERT_TRUE(parse({"--report"}, options, error));
+    EXPECT_EQ(options.mode, Options::Mode::Report);
     ASSERT_TRUE(parse({"--help"}, options, error));
     EXPECT_EQ(options.mode, Options::Mode::Help);
 }

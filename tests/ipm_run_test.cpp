@@ -559,12 +559,25 @@ TEST(IpmRun, ListPrintsEveryBuiltInConverter)
     }
 }
 
+TEST(IpmRun, ReportPrintsTheEnvironmentReport)
+{
+    const auto result = ipmRun({"--report"});
+    ASSERT_EQ(result.exitCode, 0) << describe(result);
+    EXPECT_EQ(result.out.rfind("============ IPM Environment ============\nCPU    : ", 0), 0u) << result.out;
+    EXPECT_NE(result.out.find("\nGPU(s) : "), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("\nSelected: "), std::string::npos) << result.out;
+    const std::string end = "========== IPM Environment End ==========\n";
+    ASSERT_GE(result.out.size(), end.size());
+    EXPECT_EQ(result.out.substr(result.out.size() - end.size()), end) << result.out;
+    EXPECT_EQ(result.out.find('\r'), std::string::npos) << result.out;
+}
+
 TEST(IpmRun, HelpDocumentsEveryOption)
 {
     const auto result = ipmRun({"--help"});
     ASSERT_EQ(result.exitCode, 0) << describe(result);
-    for (const char* option : {"--input", "--size", "--layout", "--fps", "--frames", "--step",
-                               "frame:", "--out", "--save-every", "--list", "--log-level", "--help"}) {
+    for (const char* option : {"--input", "--size", "--layout", "--fps", "--frames", "--step", "frame:",
+                               "--out", "--save-every", "--list", "--report", "--log-level", "--help"}) {
         EXPECT_NE(result.out.find(option), std::string::npos) << option;
     }
 }

@@ -97,15 +97,18 @@ bool LogRouter::isManagerError(const qrvlog::LogRecord& record)
     return record.file == kManagerFile && record.level == qrvlog::LogLevel::Error;
 }
 
+std::string LogRouter::plainText(const qrvlog::LogRecord& record)
+{
+    // The report's lines begin with CR LF, which separate them in a raw log;
+    // one record per line reads better without.
+    const size_t first = record.text.find_first_not_of(L"\r\n");
+    return qrvlog::toUtf8(first == std::wstring::npos ? std::wstring() : record.text.substr(first));
+}
+
 std::string LogRouter::formatLine(const qrvlog::LogRecord& record)
 {
     static const char* const kWords[] = {"?", "ERROR", "WARN", "TRACE"};
     const int level = static_cast<int>(record.level);
-    // The environment report's lines begin with CR LF, which separate them in
-    // a raw log; one record per line reads better without.
-    std::wstring text = record.text;
-    const size_t first = text.find_first_not_of(L"\r\n");
-    text.erase(0, first == std::wstring::npos ? text.size() : first);
     return std::string("[") + kWords[level >= 1 && level <= 3 ? level : 0] + "] " + record.file + ":" +
-           std::to_string(record.line) + " " + record.function + ": " + qrvlog::toUtf8(text) + "\n";
+           std::to_string(record.line) + " " + record.function + ": " + plainText(record) + "\n";
 }

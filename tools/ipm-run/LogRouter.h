@@ -28,4 +28,7 @@ public:
 
     // "[ERROR] CIpmFuncTable:42 void f(): text", the record on one line.
     static std::string formatLine(const qrvlog::LogRecord& record);
+    // The record's text in UTF-8 without the line breaks that open the
+    // environment report's lines.
+    static std::string plainText(const qrvlog::LogRecord& record);
 };

@@ -85,6 +85,9 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
         } else if (name == "--list") {
             if (!flagOnly()) return false;
             options.mode = Mode::List;
+        } else if (name == "--report") {
+            if (!flagOnly()) return false;
+            options.mode = Mode::Report;
         } else if (name == "--input") {
             if (!takeValue()) return false;
             if (value.empty()) {
@@ -223,6 +226,8 @@ Output:
 Information:
   --list              print the backends, the modules and every registered
                       algorithm, then exit
+  --report            print the environment report (processor, SIMD level,
+                      graphics adapters and the selected one), then exit
   --log-level 1|2|3   show the library's log on stderr: 1 errors, 2 errors and
                       warnings, 3 everything including traces (by default the
                       log stays silent)

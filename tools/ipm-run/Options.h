@@ -10,7 +10,7 @@
 
 class Options {
 public:
-    enum class Mode { Run, List, Help };
+    enum class Mode { Run, List, Report, Help };
 
     // False with a one-line message naming the problem (exit status 2).
     // Checks everything that can be checked without the library or the file

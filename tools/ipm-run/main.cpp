@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "CIpmFuncTable.h"
+#include "EnvironmentReport.h"
 #include "LogRouter.h"
 #include "Options.h"
 #include "QRV_Log.h"
@@ -57,6 +58,7 @@ int main(int argc, char** argv)
     switch (options.mode) {
     case Options::Mode::Help: std::fputs(Options::usage(), stdout); return 0;
     case Options::Mode::List: return listAlgorithms();
+    case Options::Mode::Report: return EnvironmentReport::print(stdout, options.logLevel);
     case Options::Mode::Run: break;
     }
     return Runner::run(options);
