@@ -221,7 +221,8 @@ Output:
                       converter) and summary.json into DIR, created if missing;
                       files appear whole (written under a temporary name, then
                       renamed)
-  --save-every N      also write every Nth frame's pictures (frames 0, N, 2N...)
+  --save-every N      also write the pictures of every Nth frame (frames 0, N,
+                      2N... of those that were processed)
 
 Information:
   --list              print the backends, the modules and every registered
@@ -257,7 +258,8 @@ Examples:
   ipm-run --step "CPU Serial/Converter/1" --step "CPU Serial/Converter/2" \
           --step "frame:CPU Parallel/Converter/0" --out out --save-every 30
       BGR888, its Gray8, and the frame again as RGB888 from the parallel converter
-  ipm-run --step "CPU Serial/User_Custom/0:Gray8" --log-level 3
-      a plug-in step, with the library's trace on stderr
+  ipm-run --step "CPU Serial/Converter/0" --step "CPU Serial/User_Custom/0:RGB888" --log-level 3
+      RGB888, then the example plug-in's mirror (libCIpmUserCustom.so beside
+      ipm-run), with the library's trace on stderr
 )";
 }
