@@ -8,7 +8,7 @@
 
 #include "Options.h"
 #include "ProcessingPlan.h"
-#include "StepSpec.h"
+#include "StepArgument.h"
 
 using ipmcommon::EnIpmModule;
 using ipmcommon::EnProcessBackend;
@@ -138,15 +138,15 @@ TEST(IpmRunOptions, BadCommandLinesAreRefusedWithAMessageNamingTheProblem)
     }
 }
 
-TEST(IpmRunStepSpec, CoordinatesUseTheLibrarysDisplayNames)
+TEST(IpmRunStepArgument, CoordinatesUseTheLibrarysDisplayNames)
 {
-    StepSpec spec;
+    StepArgument argument;
     std::string error;
-    ASSERT_TRUE(StepSpec::parse("frame:GPU GL Compute/Splitter/12:Gray8", spec, error)) << error;
-    EXPECT_EQ(spec.coordinates(), "GPU GL Compute/Splitter/12");
-    EXPECT_EQ(spec.text, "frame:GPU GL Compute/Splitter/12:Gray8");
-    EXPECT_TRUE(spec.fromFrame);
-    EXPECT_EQ(spec.destinationFormat, En_ImageFormat::Gray8);
+    ASSERT_TRUE(StepArgument::parse("frame:GPU GL Compute/Splitter/12:Gray8", argument, error)) << error;
+    EXPECT_EQ(argument.coordinates(), "GPU GL Compute/Splitter/12");
+    EXPECT_EQ(argument.text, "frame:GPU GL Compute/Splitter/12:Gray8");
+    EXPECT_TRUE(argument.fromFrame);
+    EXPECT_EQ(argument.destinationFormat, En_ImageFormat::Gray8);
 }
 
 namespace {
@@ -161,16 +161,16 @@ ProcessingPlan::Lookup registered(std::set<std::tuple<EnProcessBackend, EnIpmMod
     };
 }
 
-std::vector<StepSpec> steps(const std::vector<std::string>& texts)
+std::vector<StepArgument> steps(const std::vector<std::string>& texts)
 {
-    std::vector<StepSpec> specs;
+    std::vector<StepArgument> arguments;
     for (const auto& text : texts) {
-        StepSpec spec;
+        StepArgument argument;
         std::string error;
-        EXPECT_TRUE(StepSpec::parse(text, spec, error)) << error;
-        specs.push_back(spec);
+        EXPECT_TRUE(StepArgument::parse(text, argument, error)) << error;
+        arguments.push_back(argument);
     }
-    return specs;
+    return arguments;
 }
 
 }  // namespace

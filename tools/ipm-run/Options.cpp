@@ -166,9 +166,9 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
     }
     if (stepTexts.empty()) stepTexts = defaultSteps();
     for (const auto& text : stepTexts) {
-        StepSpec spec;
-        if (!StepSpec::parse(text, spec, error)) return false;
-        options.steps.push_back(std::move(spec));
+        StepArgument argument;
+        if (!StepArgument::parse(text, argument, error)) return false;
+        options.steps.push_back(std::move(argument));
     }
     if (options.input.empty() && !options.framesGiven) options.frames = kSyntheticDefaultFrames;
     out = std::move(options);

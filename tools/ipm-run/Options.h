@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "QRV_Image.h"
-#include "StepSpec.h"
+#include "StepArgument.h"
 
 class Options {
 public:
@@ -32,7 +32,7 @@ public:
     double fps = 30.0;    // 0: as fast as the source allows
     uint64_t frames = 0;  // 0: the source's own end
     bool framesGiven = false;
-    std::vector<StepSpec> steps;
+    std::vector<StepArgument> steps;
     std::string outDir;      // empty: no files
     uint64_t saveEvery = 0;  // 0: the last frame only
     int logLevel = 0;        // 0: the library's log stays silent

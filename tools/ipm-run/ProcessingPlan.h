@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "QRV_Image.h"
-#include "StepSpec.h"
+#include "StepArgument.h"
 
 class ProcessingPlan {
 public:
@@ -25,7 +25,7 @@ public:
         std::function<bool(ipmcommon::EnProcessBackend, ipmcommon::EnIpmModule, int, std::wstring&)>;
 
     struct Step {
-        StepSpec spec;
+        StepArgument argument;
         std::string name;  // the function's display name
         qrv_img::En_ImageFormat sourceFormat = qrv_img::En_ImageFormat::YUV422_8;
         qrv_img::En_ImageFormat destinationFormat = qrv_img::En_ImageFormat::RGB888;
@@ -34,12 +34,12 @@ public:
 
     // False with a one-line message for an index with no function or a step
     // whose destination format is neither known nor given.
-    static bool build(const std::vector<StepSpec>& specs, uint32_t width, uint32_t height,
+    static bool build(const std::vector<StepArgument>& arguments, uint32_t width, uint32_t height,
                       qrv_img::En_YuvLayout layout, const Lookup& lookup, ProcessingPlan& out,
                       std::string& error);
 
     // The destination format of a built-in converter; false for other steps.
-    static bool builtInDestination(const StepSpec& spec, qrv_img::En_ImageFormat& out);
+    static bool builtInDestination(const StepArgument& argument, qrv_img::En_ImageFormat& out);
 
     // The source to put into the manager's list for step `position`.
     qrv_img::QRV_Image* sourceFor(size_t position);

@@ -165,9 +165,9 @@ void summarizeSteps(const ProcessingPlan& plan, const RunStatistics& stats, RunS
         const RunStatistics::Step& counted = stats.steps()[i];
         RunSummary::Step step;
         step.position = i;
-        step.step = planned.spec.text;
+        step.step = planned.argument.text;
         step.name = planned.name;
-        step.readsFrame = i == 0 || planned.spec.fromFrame;
+        step.readsFrame = i == 0 || planned.argument.fromFrame;
         step.sourceFormat = ImageNames::formatName(planned.sourceFormat);
         step.destinationFormat = ImageNames::formatName(planned.destinationFormat);
         step.successes = counted.successes;
@@ -253,8 +253,8 @@ int Runner::run(const Options& options)
 
     CImageProcessMng manager;
     for (size_t i = 0; i < plan.steps().size(); ++i) {
-        const StepSpec& spec = plan.steps()[i].spec;
-        manager.addProcList(spec.backend, spec.module, spec.index, plan.sourceFor(i),
+        const StepArgument& argument = plan.steps()[i].argument;
+        manager.addProcList(argument.backend, argument.module, argument.index, plan.sourceFor(i),
                             plan.steps()[i].destination.get(), nullptr, nullptr);
     }
     const uint64_t saveEvery = options.saveEvery;

@@ -1,4 +1,4 @@
-#include "StepSpec.h"
+#include "StepArgument.h"
 
 #include <cerrno>
 #include <climits>
@@ -10,7 +10,7 @@
 
 using ipmcommon::CIpmFuncTable;
 
-const char* const StepSpec::kFramePrefix = "frame:";
+const char* const StepArgument::kFramePrefix = "frame:";
 
 namespace {
 
@@ -37,14 +37,14 @@ bool parseIndex(const std::string& text, int& out)
 
 }  // namespace
 
-bool StepSpec::parse(const std::string& text, StepSpec& out, std::string& error)
+bool StepArgument::parse(const std::string& text, StepArgument& out, std::string& error)
 {
-    StepSpec spec;
-    spec.text = text;
+    StepArgument argument;
+    argument.text = text;
     std::string rest = text;
     const std::string prefix = kFramePrefix;
     if (rest.compare(0, prefix.size(), prefix) == 0) {
-        spec.fromFrame = true;
+        argument.fromFrame = true;
         rest.erase(0, prefix.size());
     }
 
@@ -68,28 +68,28 @@ bool StepSpec::parse(const std::string& text, StepSpec& out, std::string& error)
                     ImageNames::kFormatChoices + ")";
             return false;
         }
-        spec.destinationFormat = format;
+        argument.destinationFormat = format;
     }
 
-    if (!CIpmFuncTable::TryParseBackend(qrvlog::fromUtf8(backendText), spec.backend)) {
+    if (!CIpmFuncTable::TryParseBackend(qrvlog::fromUtf8(backendText), argument.backend)) {
         error = "unknown backend '" + backendText + "' in step '" + text +
                 "' (backends: " + joinNames(CIpmFuncTable::getBackendNames()) + ")";
         return false;
     }
-    if (!CIpmFuncTable::TryParseModule(qrvlog::fromUtf8(moduleText), spec.module)) {
+    if (!CIpmFuncTable::TryParseModule(qrvlog::fromUtf8(moduleText), argument.module)) {
         error = "unknown module '" + moduleText + "' in step '" + text +
                 "' (modules: " + joinNames(CIpmFuncTable::getModuleNames()) + ")";
         return false;
     }
-    if (!parseIndex(indexText, spec.index)) {
+    if (!parseIndex(indexText, argument.index)) {
         error = "bad algorithm index '" + indexText + "' in step '" + text + "' (an integer)";
         return false;
     }
-    out = std::move(spec);
+    out = std::move(argument);
     return true;
 }
 
-std::string StepSpec::coordinates() const
+std::string StepArgument::coordinates() const
 {
     const auto& backends = CIpmFuncTable::getBackendNames();
     const auto& modules = CIpmFuncTable::getModuleNames();

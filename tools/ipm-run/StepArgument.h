@@ -14,10 +14,10 @@
 #include "IpmTypes.h"
 #include "QRV_Image.h"
 
-class StepSpec {
+class StepArgument {
 public:
     // False with a one-line message naming the problem.
-    static bool parse(const std::string& text, StepSpec& out, std::string& error);
+    static bool parse(const std::string& text, StepArgument& out, std::string& error);
 
     // BACKEND/MODULE/INDEX, the coordinates alone.
     std::string coordinates() const;
