@@ -15,7 +15,10 @@ build: deps
 	@cmake --build --preset native -j $(JOBS)
 
 demo: build
-	build/native/tools/ipm-run/ipm-run --list
+	@rm -rf ipm-out
+	build/native/tools/ipm-run/ipm-run --size 1280x720 --fps 30 --frames 90 --out ipm-out --save-every 30
+	@echo "Open the pictures in $(CURDIR)/ipm-out/ (frame*-step0-RGB888.png, frame*-step1-Gray8.png);"
+	@echo "what happened is in $(CURDIR)/ipm-out/summary.json."
 
 test: deps
 	@JOBS=$(JOBS) cmake/scripts/test-all.sh
@@ -25,12 +28,13 @@ BENCH_OUT = build/native/bench
 bench: deps
 	@cmake/scripts/install-packages.sh cmake/debian-packages-bench.txt
 	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
-	@cmake --build --preset native -j $(JOBS) --target converter_bench
+	@cmake --build --preset native -j $(JOBS) --target converter_bench bench_manager
 	$(BENCH_OUT)/converter_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 		--benchmark_min_time=0.2 --benchmark_color=false \
 		--benchmark_out=$(BENCH_OUT)/converter_bench.json --benchmark_out_format=json \
 		| tee $(BENCH_OUT)/converter_bench.txt
-	@echo "results: $(BENCH_OUT)/converter_bench.txt and $(BENCH_OUT)/converter_bench.json"
+	$(BENCH_OUT)/bench_manager | tee $(BENCH_OUT)/bench_manager.txt
+	@echo "results: $(BENCH_OUT)/converter_bench.txt, $(BENCH_OUT)/converter_bench.json and $(BENCH_OUT)/bench_manager.txt"
 
 clean:
 	rm -rf build
