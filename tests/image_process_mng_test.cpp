@@ -517,22 +517,30 @@ TEST_F(Manager, RunStartsOneWorkerAndStopEndsIt)
 {
     // The first initialize in the process starts whatever threads the
     // machine's GPU runtimes keep, and sanitizer runtimes start one of their
-    // own at the first thread creation.
+    // own at the first thread creation. Under emulation a joined thread can
+    // linger in /proc for a moment, so every count is awaited; a second
+    // worker would keep the count above the expected one.
+    auto threadsSettleAt = [](size_t expected) {
+        return eventually([expected] { return threadCount() == expected; });
+    };
     manager.initialize();
     manager.stop();
+    ASSERT_TRUE(eventually([] { return threadCount() > 0; }));
+    std::this_thread::sleep_for(50ms);
     const size_t before = threadCount();
     manager.stop();
-    EXPECT_EQ(threadCount(), before) << "stop without a worker";
+    EXPECT_TRUE(threadsSettleAt(before)) << "stop without a worker";
     manager.run();
-    EXPECT_EQ(threadCount(), before + 1);
+    EXPECT_TRUE(threadsSettleAt(before + 1));
     manager.run();
     manager.initialize();
-    EXPECT_EQ(threadCount(), before + 1) << "run and initialize on a running manager";
+    std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(threadsSettleAt(before + 1)) << "run and initialize on a running manager";
     manager.stop();
-    EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+    EXPECT_TRUE(threadsSettleAt(before));
     manager.stop();
     manager.run();
-    EXPECT_EQ(threadCount(), before + 1) << "a stop without a worker does not keep the next one from running";
+    EXPECT_TRUE(threadsSettleAt(before + 1)) << "a stop without a worker does not keep the next one from running";
 }
 
 TEST_F(Manager, FrameDeliveredWhileStoppedIsProcessedByTheNextRun)
