@@ -2,8 +2,10 @@
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <string>
 
+#include "CIpmEnv.h"
 #include "CIpmFuncTable.h"
 #include "QRV_Log.h"
 
@@ -14,10 +16,12 @@ using ipmcommon::CIpmFuncTable;
 void printUsage(FILE* out)
 {
     std::fputs(
-        "usage: ipm-run [--list] [--help]\n"
+        "usage: ipm-run [--list] [--report] [--help]\n"
         "\n"
-        "  --list   print the backends, the modules and every registered algorithm\n"
-        "  --help   print this text\n",
+        "  --list     print the backends, the modules and every registered algorithm\n"
+        "  --report   print the environment report: the processor family, the graphics\n"
+        "             adapters found through sysfs, CUDA and OpenCL, and the selected one\n"
+        "  --help     print this text\n",
         out);
 }
 
@@ -48,12 +52,32 @@ int listAlgorithms()
     return 0;
 }
 
+// The report as a person reads it: one report line per output line, without
+// the CR LF that separates the lines inside a raw log.
+int printEnvironmentReport()
+{
+    qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord& record) {
+        if (record.file != "CIpmEnv") return;
+        const size_t start = record.text.compare(0, 2, L"\r\n") == 0 ? 2 : 0;
+        const std::string line = qrvlog::toUtf8(record.text.substr(start)) + "\n";
+        std::fwrite(line.data(), 1, line.size(), stdout);
+    });
+    try {
+        ipm::CIpmEnv::Instance();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "ipm-run: the environment could not be detected: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--list") == 0) return listAlgorithms();
+        if (std::strcmp(argv[i], "--report") == 0) return printEnvironmentReport();
         if (std::strcmp(argv[i], "--help") == 0) {
             printUsage(stdout);
             return 0;
