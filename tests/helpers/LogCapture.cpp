@@ -44,9 +44,7 @@ std::string utf8(const std::wstring& text)
     return qrvlog::toUtf8(text);
 }
 
-namespace {
-
-std::string escape(const std::string& text)
+std::string escapeField(const std::string& text)
 {
     std::string out;
     for (char c : text) {
@@ -61,7 +59,7 @@ std::string escape(const std::string& text)
     return out;
 }
 
-std::string unescape(const std::string& text)
+std::string unescapeField(const std::string& text)
 {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
@@ -75,14 +73,12 @@ std::string unescape(const std::string& text)
     return out;
 }
 
-}  // namespace
-
 void printRecordsToStdout()
 {
     qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord& record) {
         const std::string line = "LOG\t" + std::to_string(static_cast<int>(record.level)) + "\t" +
                                  record.file + "\t" + std::to_string(record.line) + "\t" +
-                                 record.function + "\t" + escape(utf8(record.text)) + "\n";
+                                 record.function + "\t" + escapeField(utf8(record.text)) + "\n";
         std::fwrite(line.data(), 1, line.size(), stdout);
         std::fflush(stdout);
     });
@@ -108,7 +104,7 @@ std::vector<qrvlog::LogRecord> parseRecords(const std::string& output)
         record.file = fields[1];
         record.line = std::stoi(fields[2]);
         record.function = fields[3];
-        record.text = qrvlog::fromUtf8(unescape(line.substr(start)));
+        record.text = qrvlog::fromUtf8(unescapeField(line.substr(start)));
         records.push_back(std::move(record));
     }
     return records;

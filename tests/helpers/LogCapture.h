@@ -38,4 +38,9 @@ std::vector<qrvlog::LogRecord> parseRecords(const std::string& output);
 
 std::string utf8(const std::wstring& text);
 
+// The escaping of the text field of those lines, for other tab-separated
+// lines that scenario programs print.
+std::string escapeField(const std::string& text);
+std::string unescapeField(const std::string& text);
+
 }  // namespace qrvtest
