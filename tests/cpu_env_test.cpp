@@ -41,7 +41,8 @@ std::string describe(const CIpmCpuEnv& cpu)
     text << "cpuType=" << static_cast<int>(cpu.cpuType) << " simdBits=" << cpu.simdBits
          << " simdLevel=" << static_cast<int>(cpu.simdLevel) << " avx2=" << cpu.hasAvx2
          << " avx512f=" << cpu.hasAvx512F << " avx512bw=" << cpu.hasAvx512BW << " amx=" << cpu.hasAmx
-         << " neon=" << cpu.hasNeon << " sve=" << cpu.hasSve << " sve2=" << cpu.hasSve2 << " sveBits=" << cpu.sveBits;
+         << " neon=" << cpu.hasNeon << " sve=" << cpu.hasSve << " sve2=" << cpu.hasSve2
+         << " sveBits=" << cpu.sveBits;
     return text.str();
 }
 
@@ -64,10 +65,25 @@ TEST(CpuSimdChoice, BestLevelForEachProfileFollowsTheFlags)
         {"SVE2", {false, false, false, false, true, true, true}, L::SVE2, L::SVE, L::SVE2},
         {"SVE2 flag alone", {false, false, false, false, false, false, true}, L::SVE2, L::Scalar, L::SVE2},
         {"AVX2", {true, false, false, false, false, false, false}, L::AVX2, L::AVX2, L::AVX2},
-        {"AVX-512F without BW", {true, true, false, false, false, false, false}, L::AVX2, L::AVX512F, L::AVX512F},
-        {"AVX-512F alone", {false, true, false, false, false, false, false}, L::Scalar, L::AVX512F, L::AVX512F},
-        {"AVX-512F and BW", {true, true, true, false, false, false, false}, L::AVX512BW, L::AVX512F, L::AVX512BW},
-        {"AVX-512BW without F", {false, false, true, false, false, false, false}, L::AVX512BW, L::Scalar,
+        {"AVX-512F without BW",
+         {true, true, false, false, false, false, false},
+         L::AVX2,
+         L::AVX512F,
+         L::AVX512F},
+        {"AVX-512F alone",
+         {false, true, false, false, false, false, false},
+         L::Scalar,
+         L::AVX512F,
+         L::AVX512F},
+        {"AVX-512F and BW",
+         {true, true, true, false, false, false, false},
+         L::AVX512BW,
+         L::AVX512F,
+         L::AVX512BW},
+        {"AVX-512BW without F",
+         {false, false, true, false, false, false, false},
+         L::AVX512BW,
+         L::Scalar,
          L::Scalar},
         {"AMX with AVX-512", {true, true, true, true, false, false, false}, L::AVX512BW, L::AVX512F, L::AMX},
         {"AMX alone", {false, false, false, true, false, false, false}, L::Scalar, L::Scalar, L::AMX},
@@ -92,8 +108,9 @@ TEST(CpuSimdChoice, BestLevelForEachProfileFollowsTheFlags)
 
 TEST(CpuDetection, FreshObjectIsAllZero)
 {
-    EXPECT_EQ(describe(CIpmCpuEnv()),
-              "cpuType=0 simdBits=0 simdLevel=0 avx2=0 avx512f=0 avx512bw=0 amx=0 neon=0 sve=0 sve2=0 sveBits=0");
+    EXPECT_EQ(
+        describe(CIpmCpuEnv()),
+        "cpuType=0 simdBits=0 simdLevel=0 avx2=0 avx512f=0 avx512bw=0 amx=0 neon=0 sve=0 sve2=0 sveBits=0");
 }
 
 TEST(CpuDetection, DetectRebuildsEveryFieldFromScratch)
@@ -205,8 +222,10 @@ struct ArmProfile {
 };
 
 const ArmProfile kArmProfiles[] = {
-    {"neon", false, false, 0, En_SimdLevel::NEON, 128, En_SimdLevel::NEON, En_SimdLevel::NEON, En_SimdLevel::NEON},
-    {"sve-512", true, false, 512, En_SimdLevel::SVE, 512, En_SimdLevel::SVE, En_SimdLevel::SVE, En_SimdLevel::SVE},
+    {"neon", false, false, 0, En_SimdLevel::NEON, 128, En_SimdLevel::NEON, En_SimdLevel::NEON,
+     En_SimdLevel::NEON},
+    {"sve-512", true, false, 512, En_SimdLevel::SVE, 512, En_SimdLevel::SVE, En_SimdLevel::SVE,
+     En_SimdLevel::SVE},
     {"sve2-512", true, true, 512, En_SimdLevel::SVE2, 512, En_SimdLevel::SVE2, En_SimdLevel::SVE,
      En_SimdLevel::SVE2},
     {"sve2-256", true, true, 256, En_SimdLevel::SVE2, 256, En_SimdLevel::SVE2, En_SimdLevel::SVE,
@@ -224,7 +243,8 @@ TEST(CpuDetection, ArmFieldsMatchTheProcessor)
     EXPECT_TRUE(cpu.hasNeon);
     EXPECT_FALSE(cpu.hasAvx2 || cpu.hasAvx512F || cpu.hasAvx512BW || cpu.hasAmx);
     const En_SimdLevel integer = cpu.bestSimdFor(En_OpProfile::Integer);
-    EXPECT_TRUE(integer == En_SimdLevel::NEON || integer == En_SimdLevel::SVE || integer == En_SimdLevel::SVE2);
+    EXPECT_TRUE(integer == En_SimdLevel::NEON || integer == En_SimdLevel::SVE ||
+                integer == En_SimdLevel::SVE2);
 
     const char* expected = std::getenv("QRV_EXPECT_CPU");
     if (expected == nullptr) return;

@@ -20,13 +20,15 @@ const std::string kCpuLine = "\r\nCPU    : x86_64";
 #endif
 const std::string kHeader = "\r\n============ IPM Environment ============";
 const std::string kNote =
-    "\r\n(Note) OpenGL probing is disabled. Call setSelectedOpenGLVersion() after creating a GL context, or build "
+    "\r\n(Note) OpenGL probing is disabled. Call setSelectedOpenGLVersion() after creating a GL context, or "
+    "build "
     "with QRV_IPM_ENABLE_GL_PROBE to auto-detect.";
 const std::string kEnd = "\r\n========== IPM Environment End ==========";
 
 using Report = std::vector<std::string>;
 
-Report report(const std::string& gpuCount, const std::vector<std::string>& records, const std::string& selected)
+Report report(const std::string& gpuCount, const std::vector<std::string>& records,
+              const std::string& selected)
 {
     Report lines = {kHeader, kCpuLine, "\r\nGPU(s) : " + gpuCount + " device(s) detected"};
     for (const std::string& record : records) lines.push_back("\r\n" + record);
@@ -36,24 +38,9 @@ Report report(const std::string& gpuCount, const std::vector<std::string>& recor
     return lines;
 }
 
-struct Stubs {
-    std::string cuda;    // QRV_STUB_CUDA; empty: no CUDA driver
-    std::string openCL;  // QRV_STUB_OPENCL; empty: no OpenCL device
-};
-
-qrvtest::ProcessOptions stubOptions(const std::string& scratch, const Stubs& stubs)
+qrvtest::StubRuntimes stubs(const std::string& cuda, const std::string& openCL = "")
 {
-    qrvtest::ProcessOptions options;
-    options.timeout = std::chrono::seconds(30);
-    std::string libraryPath;
-    if (!stubs.cuda.empty()) libraryPath += std::string(CUDA_STUB_DIR) + ":";
-    if (!stubs.openCL.empty()) libraryPath += std::string(OPENCL_STUB_DIR) + ":";
-    if (const char* inherited = std::getenv("LD_LIBRARY_PATH")) libraryPath += inherited;
-    options.env = {{"LD_LIBRARY_PATH", libraryPath},
-                   {"QRV_STUB_CUDA", stubs.cuda},
-                   {"QRV_STUB_OPENCL", stubs.openCL},
-                   {"OCL_ICD_VENDORS", scratch + "/no-opencl-vendors"}};
-    return options;
+    return {cuda.empty() ? nullptr : CUDA_STUB_DIR, cuda, openCL.empty() ? nullptr : OPENCL_STUB_DIR, openCL};
 }
 
 // The environment's log lines of each stretch of a scenario's output, by the
@@ -80,10 +67,11 @@ std::map<std::string, Report> reportsByMark(const std::string& output)
     return reports;
 }
 
-std::map<std::string, Report> runSteps(const FakeSysClass& tree, const Stubs& stubs, std::vector<std::string> steps)
+std::map<std::string, Report> runSteps(const FakeSysClass& tree, const qrvtest::StubRuntimes& runtimes,
+                                       std::vector<std::string> steps)
 {
     steps.insert(steps.begin(), {ENV_SCENARIO, "steps"});
-    const qrvtest::ProcessResult result = tree.run(steps, stubOptions(tree.root(), stubs));
+    const qrvtest::ProcessResult result = tree.run(steps, qrvtest::runtimeOptions(runtimes));
     EXPECT_EQ(result.exitCode, 0) << result.err;
     return reportsByMark(result.out);
 }
@@ -113,16 +101,19 @@ TEST_F(EnvironmentReport, RecordLinesPrintStateWordsVersionsAndUnconvertibleName
     tree.addPciDevice("0000:01:00.0", "0x10de\n", "DRIVER=nv-\xC3\xA9\xF0\x9F\x98\x80\n");
     tree.addCard("card2", "0000:01:00.0");
     const std::map<std::string, std::string> lineOf = {
-        {"card0", "name=card0 | vendor=Unknown | type=None | CUDA=Unknown(-) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
-        {"card1", "name= | vendor=Intel | type=Internal | CUDA=Unknown(-) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
-        {"card2", "name=card2 (nv-\xC3\xA9\xF0\x9F\x98\x80) | vendor=NVIDIA | type=NVIDIA | "
-                  "CUDA=NotAvailable(Driver 12040) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
+        {"card0",
+         "name=card0 | vendor=Unknown | type=None | CUDA=Unknown(-) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
+        {"card1",
+         "name= | vendor=Intel | type=Internal | CUDA=Unknown(-) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
+        {"card2",
+         "name=card2 (nv-\xC3\xA9\xF0\x9F\x98\x80) | vendor=NVIDIA | type=NVIDIA | "
+         "CUDA=NotAvailable(Driver 12040) | OpenCL=Unknown(-) | OpenGL=Unknown(-)"},
     };
     std::vector<std::string> records;
     for (const std::string& entry : tree.drmOrder()) {
         records.push_back("#" + std::to_string(records.size()) + " " + lineOf.at(entry));
     }
-    auto reports = runSteps(tree, {"count=0;driver=12040", ""}, {"instance"});
+    auto reports = runSteps(tree, stubs("count=0;driver=12040"), {"instance"});
     EXPECT_EQ(reports[""], report("3", records, "Selected: (none)"));
 }
 
@@ -131,14 +122,17 @@ TEST_F(EnvironmentReport, SelectedLineCarriesTheSelectedStatesAndOpenGLVersion)
     FakeSysClass tree;
     tree.addPciDevice("0000:01:00.0", "0x10de\n", "DRIVER=nvidia\n");
     tree.addCard("card0", "0000:01:00.0");
-    const Stubs stubs = {"count=1;names=NVIDIA GeForce RTX 3080;driver=12040",
-                         "OpenCL 3.0 CUDA 12.4.89|NVIDIA GeForce RTX 3080@NVIDIA Corporation"};
-    auto reports =
-        runSteps(tree, stubs, {"instance", "mark:selected", "select-cuda:0", "gl:4.6.0 NVIDIA 550.54", "report"});
+    const qrvtest::StubRuntimes runtimes =
+        stubs("count=1;names=NVIDIA GeForce RTX 3080;driver=12040",
+              "OpenCL 3.0 CUDA 12.4.89|NVIDIA GeForce RTX 3080@NVIDIA Corporation");
+    auto reports = runSteps(
+        tree, runtimes, {"instance", "mark:selected", "select-cuda:0", "gl:4.6.0 NVIDIA 550.54", "report"});
     const std::string card =
-        "#0 name=card0 (nvidia) | vendor=NVIDIA | type=NVIDIA | CUDA=Unknown(-) | OpenCL=Unknown(-) | OpenGL=Unknown(-)";
-    const std::string rtx = "#1 name=NVIDIA GeForce RTX 3080 | vendor=NVIDIA | type=NVIDIA | "
-                            "CUDA=Available(Driver 12040) | OpenCL=Available(OpenCL 3.0 CUDA 12.4.89) | ";
+        "#0 name=card0 (nvidia) | vendor=NVIDIA | type=NVIDIA | CUDA=Unknown(-) | OpenCL=Unknown(-) | "
+        "OpenGL=Unknown(-)";
+    const std::string rtx =
+        "#1 name=NVIDIA GeForce RTX 3080 | vendor=NVIDIA | type=NVIDIA | "
+        "CUDA=Available(Driver 12040) | OpenCL=Available(OpenCL 3.0 CUDA 12.4.89) | ";
     EXPECT_EQ(reports[""], report("2", {card, rtx + "OpenGL=Unknown(-)"}, "Selected: (none)"));
     EXPECT_EQ(reports["selected"],
               report("2", {card, rtx + "OpenGL=Available(4.6.0 NVIDIA 550.54)"},
@@ -150,9 +144,9 @@ TEST_F(EnvironmentReport, RefreshWritesNothingAndTheNextReportShowsTheNewList)
 {
     FakeSysClass tree;
     tree.removeDrm();
-    auto reports = runSteps(tree, {"count=0", ""},
-                            {"instance", "setenv:QRV_STUB_CUDA=count=1;names=Tesla T4;driver=12040", "mark:refresh",
-                             "refresh", "mark:report", "report"});
+    auto reports = runSteps(tree, stubs("count=0"),
+                            {"instance", "setenv:QRV_STUB_CUDA=count=1;names=Tesla T4;driver=12040",
+                             "mark:refresh", "refresh", "mark:report", "report"});
     EXPECT_EQ(reports[""], report("0", {}, "Selected: (none)"));
     EXPECT_EQ(reports["refresh"], Report{});
     EXPECT_EQ(reports["report"],
@@ -166,8 +160,8 @@ TEST_F(EnvironmentReport, ProcessorFamilyWords)
 {
     FakeSysClass tree;
     tree.removeDrm();
-    const std::vector<std::pair<int, std::string>> words = {
-        {0, "x86"}, {1, "x86_64"}, {2, "ARMv8"}, {3, "ARMv7/9"}, {4, "Unknown"}, {-1, "Unknown"}};
+    const std::vector<std::pair<int, std::string>> words = {{0, "x86"},     {1, "x86_64"},  {2, "ARMv8"},
+                                                            {3, "ARMv7/9"}, {4, "Unknown"}, {-1, "Unknown"}};
     std::vector<std::string> steps = {"instance"};
     for (const auto& [value, word] : words) {
         steps.push_back("cpu-type:" + std::to_string(value));
@@ -186,7 +180,7 @@ TEST_F(EnvironmentReport, IpmRunReportPrintsTheLinesWithoutTheirSeparators)
 {
     FakeSysClass tree;
     tree.removeDrm();
-    const qrvtest::ProcessResult result = tree.run({IPM_RUN, "--report"}, stubOptions(tree.root(), {}));
+    const qrvtest::ProcessResult result = tree.run({IPM_RUN, "--report"}, qrvtest::runtimeOptions({}));
     EXPECT_EQ(result.exitCode, 0) << result.err;
     std::string expected;
     for (const std::string& line : report("0", {}, "Selected: (none)")) expected += line.substr(2) + "\n";
@@ -195,10 +189,9 @@ TEST_F(EnvironmentReport, IpmRunReportPrintsTheLinesWithoutTheirSeparators)
 
 TEST(EnvironmentFirstUse, ConcurrentFirstCallsWaitForTheOneDetection)
 {
-    FakeSysClass scratch;
     // cuInit takes long enough for every other caller to arrive during detection.
-    const qrvtest::ProcessResult result =
-        qrvtest::runProcess({ENV_SCENARIO, "threads"}, stubOptions(scratch.root(), {"delay-ms=300;count=0", ""}));
+    const qrvtest::ProcessResult result = qrvtest::runProcess(
+        {ENV_SCENARIO, "threads"}, qrvtest::runtimeOptions(stubs("delay-ms=300;count=0")));
     EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
@@ -207,7 +200,7 @@ TEST_F(EnvironmentDetection, WalkErrorReachesOneFirstCallerAndReleasesTheOthers)
     FakeSysClass tree;
     tree.addLoopingCard("card0");
     const qrvtest::ProcessResult result =
-        tree.run({ENV_SCENARIO, "threads", "throws"}, stubOptions(tree.root(), {"delay-ms=300;count=0", ""}));
+        tree.run({ENV_SCENARIO, "threads", "throws"}, qrvtest::runtimeOptions(stubs("delay-ms=300;count=0")));
     EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
@@ -215,8 +208,7 @@ TEST_F(EnvironmentDetection, WalkErrorReachesOneFirstCallerAndReleasesTheOthers)
 // good: Refresh keeps the GPU list's lock while it waits in the driver.
 TEST(EnvironmentFirstUse, HangingCuInitHoldsTheFirstInstance)
 {
-    FakeSysClass scratch;
-    qrvtest::ProcessOptions options = stubOptions(scratch.root(), {"init=hang", ""});
+    qrvtest::ProcessOptions options = qrvtest::runtimeOptions(stubs("init=hang"));
     options.timeout = std::chrono::seconds(3);
     const qrvtest::ProcessResult result = qrvtest::runProcess({ENV_SCENARIO, "hang"}, options);
     EXPECT_TRUE(result.timedOut) << "exit " << result.exitCode << ": " << result.err;

@@ -51,7 +51,8 @@ void FakeSysClass::addCard(const std::string& entry, const std::string& slot)
 {
     const std::string directory = drmDirectory_(slot, entry);
     fs::create_directories(fs::path(root_) / directory);
-    writeFile(fs::path(root_) / directory / "uevent", "MAJOR=226\nDEVNAME=dri/" + entry + "\nDEVTYPE=drm_minor\n");
+    writeFile(fs::path(root_) / directory / "uevent",
+              "MAJOR=226\nDEVNAME=dri/" + entry + "\nDEVTYPE=drm_minor\n");
     if (!slot.empty()) fs::create_symlink("../../../" + slot, fs::path(root_) / directory / "device");
     fs::create_symlink("../" + directory, fs::path(root_) / "drm" / entry);
 }
@@ -78,10 +79,7 @@ void FakeSysClass::addDrmFile(const std::string& name, const std::string& conten
     writeFile(fs::path(root_) / "drm" / name, content);
 }
 
-void FakeSysClass::removeDrm()
-{
-    fs::remove_all(fs::path(root_) / "drm");
-}
+void FakeSysClass::removeDrm() { fs::remove_all(fs::path(root_) / "drm"); }
 
 std::vector<std::string> FakeSysClass::drmOrder() const
 {
@@ -109,6 +107,22 @@ ProcessResult FakeSysClass::run(const std::vector<std::string>& argv, ProcessOpt
 {
     options.wrapper = mountWrapper(root_);
     return runProcess(argv, options);
+}
+
+ProcessOptions runtimeOptions(const StubRuntimes& runtimes)
+{
+    std::string libraryPath;
+    for (const char* directory : {runtimes.cudaDir, runtimes.openCLDir}) {
+        if (directory != nullptr) libraryPath += std::string(directory) + ":";
+    }
+    if (const char* inherited = std::getenv("LD_LIBRARY_PATH")) libraryPath += inherited;
+    ProcessOptions options;
+    options.timeout = std::chrono::seconds(30);
+    options.env = {{"LD_LIBRARY_PATH", libraryPath},
+                   {"QRV_STUB_CUDA", runtimes.cuda},
+                   {"QRV_STUB_OPENCL", runtimes.openCL},
+                   {"OCL_ICD_VENDORS", "/nonexistent/qrv-no-opencl-vendors"}};
+    return options;
 }
 
 std::string mountNamespaceUnavailable()

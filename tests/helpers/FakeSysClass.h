@@ -49,6 +49,17 @@ private:
     std::string root_;
 };
 
+// The compute runtimes a child finds: the stub libraries in the given
+// directories (null: none), with the scripts they read, and no vendor for the
+// machine's own OpenCL loader.
+struct StubRuntimes {
+    const char* cudaDir = nullptr;
+    std::string cuda;
+    const char* openCLDir = nullptr;
+    std::string openCL;
+};
+ProcessOptions runtimeOptions(const StubRuntimes& runtimes);
+
 // Empty when a child can have a mount namespace with the tree bind-mounted;
 // otherwise the reason why not.
 std::string mountNamespaceUnavailable();

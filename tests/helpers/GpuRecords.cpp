@@ -24,24 +24,19 @@ std::vector<ipm::GpuInfo> parseGpuRecords(const std::string& output)
     std::istringstream stream(output);
     for (std::string line; std::getline(stream, line);) {
         if (line.compare(0, 4, "GPU\t") != 0) continue;
-        std::vector<std::string> fields;
-        size_t start = 4;
-        for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
-            fields.push_back(line.substr(start, tab - start));
-        }
-        fields.push_back(line.substr(start));
+        const std::vector<std::string> fields = splitFields(line.substr(4));
         if (fields.size() != 13) continue;
         ipm::GpuInfo gpu;
         gpu.index = std::stoi(fields[0]);
-        gpu.name = unescapeField(fields[1]);
-        gpu.vendor = unescapeField(fields[2]);
+        gpu.name = fields[1];
+        gpu.vendor = fields[2];
         gpu.type = static_cast<ipm::En_GpuType>(std::stoi(fields[3]));
         gpu.cudaState = static_cast<ipm::En_ApiState>(std::stoi(fields[4]));
         gpu.openCLState = static_cast<ipm::En_ApiState>(std::stoi(fields[5]));
         gpu.openGLState = static_cast<ipm::En_ApiState>(std::stoi(fields[6]));
-        gpu.cudaVersion = unescapeField(fields[7]);
-        gpu.openCLVersion = unescapeField(fields[8]);
-        gpu.openGLVersion = unescapeField(fields[9]);
+        gpu.cudaVersion = fields[7];
+        gpu.openCLVersion = fields[8];
+        gpu.openGLVersion = fields[9];
         gpu.cudaIndex = std::stoi(fields[10]);
         gpu.openCLPlatform = std::stoi(fields[11]);
         gpu.openCLDevice = std::stoi(fields[12]);
@@ -50,12 +45,12 @@ std::vector<ipm::GpuInfo> parseGpuRecords(const std::string& output)
     return records;
 }
 
-std::string gpuListText(const ipm::CIpmGpuEnv& env)
+std::vector<std::string> gpuListLines(const ipm::CIpmGpuEnv& env)
 {
-    std::string text;
+    std::vector<std::string> lines;
     const size_t count = env.getGpuCount();
-    for (size_t i = 0; i < count; ++i) text += gpuRecordLine(env.getGpu(i)) + "\n";
-    return text;
+    for (size_t i = 0; i < count; ++i) lines.push_back(gpuRecordLine(env.getGpu(i)));
+    return lines;
 }
 
 }  // namespace qrvtest

@@ -16,7 +16,7 @@ std::string gpuRecordLine(const ipm::GpuInfo& gpu);
 // The records of the "GPU" lines in output, in order; other lines are skipped.
 std::vector<ipm::GpuInfo> parseGpuRecords(const std::string& output);
 
-// Every record of a CIpmGpuEnv, through its public getters.
-std::string gpuListText(const ipm::CIpmGpuEnv& env);
+// The line of every record of a CIpmGpuEnv, through its public getters.
+std::vector<std::string> gpuListLines(const ipm::CIpmGpuEnv& env);
 
 }  // namespace qrvtest

@@ -73,6 +73,17 @@ std::string unescapeField(const std::string& text)
     return out;
 }
 
+std::vector<std::string> splitFields(const std::string& line)
+{
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
+        fields.push_back(unescapeField(line.substr(start, tab - start)));
+    }
+    fields.push_back(unescapeField(line.substr(start)));
+    return fields;
+}
+
 void printRecordsToStdout()
 {
     qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord& record) {

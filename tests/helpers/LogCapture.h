@@ -42,5 +42,7 @@ std::string utf8(const std::wstring& text);
 // lines that scenario programs print.
 std::string escapeField(const std::string& text);
 std::string unescapeField(const std::string& text);
+// The fields of such a line, split at its tabs and unescaped.
+std::vector<std::string> splitFields(const std::string& line);
 
 }  // namespace qrvtest

@@ -113,13 +113,16 @@ int threads(bool detectionThrows)
         });
     }
     for (auto& worker : workers) worker.join();
-    if (early != 0) return fail(std::to_string(early) + " callers returned before the first detection had finished");
-    if (wrongCpu != 0) return fail(std::to_string(wrongCpu) + " callers saw another processor than Detect finds");
+    if (early != 0)
+        return fail(std::to_string(early) + " callers returned before the first detection had finished");
+    if (wrongCpu != 0)
+        return fail(std::to_string(wrongCpu) + " callers saw another processor than Detect finds");
     const int reports = detectionThrows ? 0 : 1;
     if (headers != reports || ends != reports) {
         return fail(std::to_string(headers) + " report headers and " + std::to_string(ends) + " report ends");
     }
-    if (thrown != (detectionThrows ? 1 : 0)) return fail(std::to_string(thrown) + " callers saw the walk's exception");
+    if (thrown != (detectionThrows ? 1 : 0))
+        return fail(std::to_string(thrown) + " callers saw the walk's exception");
     CIpmEnv::Instance();
     if (headers != reports) return fail("a later Instance() writes a report");
     return 0;

@@ -40,7 +40,7 @@ void refresh(CIpmGpuEnv& gpu)
         print("REFRESH\tfilesystem_error\t" + std::to_string(error.code().value()) + "\t" +
               error.path1().string());
     }
-    std::fputs(qrvtest::gpuListText(gpu).c_str(), stdout);
+    for (const std::string& line : qrvtest::gpuListLines(gpu)) print(line);
 }
 
 std::string runCommand(CIpmGpuEnv& gpu, const std::string& command)
@@ -50,11 +50,13 @@ std::string runCommand(CIpmGpuEnv& gpu, const std::string& command)
     const std::string rest = colon == std::string::npos ? "" : command.substr(colon + 1);
     const size_t second = rest.rfind(':');
     if (verb == "name") {
-        return gpu.selectByNameSubstring(rest.substr(0, second), rest.substr(second + 1) == "1") ? "true" : "false";
+        return gpu.selectByNameSubstring(rest.substr(0, second), rest.substr(second + 1) == "1") ? "true"
+                                                                                                 : "false";
     }
     if (verb == "opencl") {
-        return gpu.selectByOpenCL(std::stoi(rest.substr(0, second)), std::stoi(rest.substr(second + 1))) ? "true"
-                                                                                                        : "false";
+        return gpu.selectByOpenCL(std::stoi(rest.substr(0, second)), std::stoi(rest.substr(second + 1)))
+                   ? "true"
+                   : "false";
     }
     if (verb == "cuda") return gpu.selectByCudaIndex(std::stoi(rest)) ? "true" : "false";
     if (verb == "gl") gpu.setSelectedOpenGLVersion(rest);
@@ -106,7 +108,8 @@ int concurrent()
                 const ipm::GpuInfo first = gpu.getGpu(0);
                 if (count != expected || first.index != 0) ++torn;
                 if (selected.index < -1 || selected.index >= static_cast<int>(expected)) ++torn;
-                if ((selected.openGLVersion == "4.6") != (selected.openGLState == ipm::En_ApiState::Available)) {
+                if ((selected.openGLVersion == "4.6") !=
+                    (selected.openGLState == ipm::En_ApiState::Available)) {
                     ++torn;
                 }
             }

@@ -77,7 +77,10 @@ Script readScript()
 
 // Ids are 1-based positions, never null.
 void* platformId(size_t p) { return reinterpret_cast<void*>(static_cast<uintptr_t>(p + 1)); }
-void* deviceId(size_t p, size_t d) { return reinterpret_cast<void*>(static_cast<uintptr_t>((p + 1) * 1000 + d + 1)); }
+void* deviceId(size_t p, size_t d)
+{
+    return reinterpret_cast<void*>(static_cast<uintptr_t>((p + 1) * 1000 + d + 1));
+}
 
 const Platform* findPlatform(const Script& script, void* id)
 {
