@@ -1,5 +1,6 @@
 #include "CIpmFuncTable.h"
 
+#include "CIpmUserCustomLoader.h"
 #include "Converter/CConverter.h"
 
 #define IPM_LOG_FILE "CIpmFuncTable"
@@ -165,6 +166,22 @@ void CIpmFuncTable::InitScalerFuncTable()
 void CIpmFuncTable::InitUserCustomFuncTable()
 {
     IPM_LOG(Trace, L"called");
+    ipm_internal::UserCustomLoader& loader = ipm_internal::UserCustomLoader::instance();
+    if (loader.loadOnce() <= 0) {
+        IPM_LOG(Error, L"No User_Custom plugin found.");
+        return;
+    }
+    // The records' functions are the loader's wrappers: the table's copies
+    // stop calling into the plug-in when the loader closes it, which happens
+    // before the table goes at exit.
+    int registered = 0;
+    for (const AlgEntry& entry : loader.entries()) {
+        if (registerFunc(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, entry.index, entry.func,
+                         entry.name) == result::Success) {
+            ++registered;
+        }
+    }
+    IPM_LOG(Trace, L"[CIpmFuncTable] User_Custom registered: %d", registered);
 }
 
 }  // namespace ipmcommon

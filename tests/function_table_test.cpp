@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <stdexcept>
 
 #include "CIpmFuncTable.h"
@@ -203,15 +202,6 @@ qrvtest::ProcessResult runScenario(const std::string& name)
     return result;
 }
 
-std::string sourceLine(const std::string& file, int line)
-{
-    std::ifstream in(file);
-    std::string text;
-    for (int i = 0; i < line && std::getline(in, text); ++i) {
-    }
-    return text;
-}
-
 }  // namespace
 
 TEST(FunctionTableFirstUse, FillLogsItsStepsWithFileLineAndSignature)
@@ -219,11 +209,10 @@ TEST(FunctionTableFirstUse, FillLogsItsStepsWithFileLineAndSignature)
     const auto records = qrvtest::parseRecords(runScenario("fill-log").out);
     std::vector<std::pair<std::string, std::string>> called;
     for (const auto& record : records) {
-        if (record.file != "CIpmFuncTable") continue;
+        if (record.file != "CIpmFuncTable" || record.text != L"called") continue;
         EXPECT_EQ(record.level, qrvlog::LogLevel::Trace);
-        if (record.text != L"called") continue;
         called.emplace_back(record.function, qrvtest::utf8(record.text));
-        const std::string line = sourceLine(QRV_SOURCE_DIR "/ipm/CIpmFuncTable.cpp", record.line);
+        const std::string line = qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/CIpmFuncTable.cpp", record.line);
         EXPECT_NE(line.find("IPM_LOG(Trace, L\"called\")"), std::string::npos)
             << "line " << record.line << " is the log call: " << line;
     }

@@ -1,6 +1,7 @@
 #include "LogCapture.h"
 
 #include <cstdio>
+#include <fstream>
 #include <sstream>
 
 namespace qrvtest {
@@ -42,6 +43,16 @@ void LogCapture::clear()
 std::string utf8(const std::wstring& text)
 {
     return qrvlog::toUtf8(text);
+}
+
+std::string sourceLine(const std::string& file, int line)
+{
+    std::ifstream in(file);
+    std::string text;
+    for (int i = 0; i < line; ++i) {
+        if (!std::getline(in, text)) return "";
+    }
+    return text;
 }
 
 std::string escapeField(const std::string& text)

@@ -38,8 +38,12 @@ std::vector<qrvlog::LogRecord> parseRecords(const std::string& output);
 
 std::string utf8(const std::wstring& text);
 
-// The escaping of the text field of those lines, for other tab-separated
-// lines that scenario programs print.
+// The text of a source file's line (1-based), to check where a record says
+// it was written; empty past the end.
+std::string sourceLine(const std::string& file, int line);
+
+// The escaping of the text field of printRecordsToStdout's lines, for other
+// tab-separated lines that scenario programs print.
 std::string escapeField(const std::string& text);
 std::string unescapeField(const std::string& text);
 // The fields of such a line, split at its tabs and unescaped.

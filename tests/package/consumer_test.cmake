@@ -17,13 +17,17 @@ foreach(required
     lib/libQRV_IPM.so.1 lib/libQRV_Image.so.1 lib/libRV_Log.so.1 lib/libCWatchTime.so.1
     include/qrv_ipm/CIpmFuncTable.h include/qrv_ipm/IpmTypes.h include/qrv_ipm/QRV_Image.h
     include/qrv_ipm/QRV_Log.h include/qrv_ipm/CWatchTime.h
-    lib/cmake/QRV_IPM/QRV_IPMConfig.cmake lib/pkgconfig/qrv_ipm.pc)
+    lib/cmake/QRV_IPM/QRV_IPMConfig.cmake lib/pkgconfig/qrv_ipm.pc
+    include/qrv_ipm/IpmUserCustom.h share/qrv_ipm/plugins/libCIpmUserCustom.so)
   if(NOT EXISTS ${prefix}/${required})
     message(FATAL_ERROR "the installed prefix lacks ${required}")
   endif()
 endforeach()
 if(EXISTS ${prefix}/include/qrv_ipm/IpmLog.h)
   message(FATAL_ERROR "the internal IpmLog.h must not be installed")
+endif()
+if(EXISTS ${prefix}/lib/libCIpmUserCustom.so)
+  message(FATAL_ERROR "the example plug-in must stay out of lib/, where every host would load it")
 endif()
 
 # CMake package.
@@ -43,4 +47,18 @@ separate_arguments(flags UNIX_COMMAND "${flags}")
 run(c++ ${SOURCE_DIR}/tests/package/consumer/consumer.cpp ${flags} -Wl,-rpath,${prefix}/lib
     -o ${WORK_DIR}/pkgconfig-consumer)
 run(${WORK_DIR}/pkgconfig-consumer)
-message(STATUS "consumer built and ran through the CMake package and pkg-config")
+
+# A plug-in built against the package as the plug-in guide shows, placed
+# beside the installed ipm-run, which then lists its functions.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/plugins/example -B ${WORK_DIR}/plugin-build
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/plugin-build)
+file(COPY ${WORK_DIR}/plugin-build/libCIpmUserCustom.so DESTINATION ${prefix}/bin/plugins)
+execute_process(COMMAND ${prefix}/bin/ipm-run --list
+                RESULT_VARIABLE code OUTPUT_VARIABLE listing ERROR_VARIABLE err)
+if(NOT code EQUAL 0 OR NOT listing MATCHES "Mirror horizontal .RGB888/BGR888."
+   OR NOT listing MATCHES "Threshold .Gray8.")
+  message(FATAL_ERROR "ipm-run does not list the plug-in built against the package (${code}):\n${listing}\n${err}")
+endif()
+
+message(STATUS "consumer built and ran through the CMake package and pkg-config; plug-in built and listed")
