@@ -15,7 +15,10 @@ build: deps
 	@cmake --build --preset native -j $(JOBS)
 
 demo: build
-	build/native/tools/ipm-run/ipm-run --list
+	@rm -rf ipm-out
+	build/native/tools/ipm-run/ipm-run --size 1280x720 --fps 30 --frames 90 --out ipm-out --save-every 30
+	@echo "Open the pictures in $(CURDIR)/ipm-out/ (frame*-step0-RGB888.png, frame*-step1-Gray8.png);"
+	@echo "what happened is in $(CURDIR)/ipm-out/summary.json."
 
 test: deps
 	@JOBS=$(JOBS) cmake/scripts/test-all.sh

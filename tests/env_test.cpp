@@ -176,17 +176,6 @@ TEST_F(EnvironmentReport, ProcessorFamilyWords)
     }
 }
 
-TEST_F(EnvironmentReport, IpmRunReportPrintsTheLinesWithoutTheirSeparators)
-{
-    FakeSysClass tree;
-    tree.removeDrm();
-    const qrvtest::ProcessResult result = tree.run({IPM_RUN, "--report"}, qrvtest::runtimeOptions({}));
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    std::string expected;
-    for (const std::string& line : report("0", {}, "Selected: (none)")) expected += line.substr(2) + "\n";
-    EXPECT_EQ(result.out, expected);
-}
-
 TEST(EnvironmentFirstUse, ConcurrentFirstCallsWaitForTheOneDetection)
 {
     // cuInit takes long enough for every other caller to arrive during detection.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
 #include "LogCapture.h"
+#include "Subprocess.h"
 #include "TestImages.h"
 
 using qrv_img::En_ImageFormat;
@@ -386,4 +388,31 @@ TEST(ParaConverter, CoresConvertWithoutChecksInTheImagesByteOrder)
     rgb888_to_gray8_c(expectedBgr.data(), expectedGray.data(), 8, 2, true);
     EXPECT_EQ(pixelBytes(bgr), expectedBgr);
     EXPECT_EQ(pixelBytes(gray), expectedGray);
+}
+
+// x86-64 processors as qemu emulates them: the SIMD check accepts AVX2 and up.
+TEST(ParaConverter, SimdCheckFollowsTheProcessor)
+{
+#if !defined(__x86_64__)
+    GTEST_SKIP() << "every 64-bit Arm processor has NEON";
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "sanitizer runtimes do not run under qemu";
+#else
+    const struct {
+        const char* cpu;
+        const char* expected;
+    } cases[] = {
+        {"qemu64", "code=0 traces=2 untouched=1"},
+        {"Nehalem", "code=0 traces=2 untouched=1"},
+        {"Haswell", "code=1 traces=2 untouched=0"},
+    };
+    for (const auto& c : cases) {
+        qrvtest::ProcessOptions options;
+        options.useEmulator = false;
+        options.wrapper = {"qemu-x86_64", "-cpu", c.cpu};
+        const auto run = qrvtest::runProcess({CONVERTER_SCENARIO, "parallel-code"}, options);
+        ASSERT_EQ(run.exitCode, 0) << c.cpu << ": " << run.err;
+        EXPECT_EQ(run.out, std::string(c.expected) + "\n") << c.cpu;
+    }
+#endif
 }

@@ -6,6 +6,7 @@
 
 #include "Converter/CCpuSerialConverter.h"
 #include "IpmTypes.h"
+#include "Subprocess.h"
 #include "TestImages.h"
 
 using qrv_img::En_ImageFormat;
@@ -298,4 +299,10 @@ TEST(SerialConverter, PixelsStartAtTheDataOffset)
     for (const QRV_Image* image : {&rgb, &gray}) {
         for (int64_t i = 0; i < image->dataOffset; ++i) EXPECT_EQ(image->data[i], qrvtest::kPrefixByte);
     }
+}
+
+TEST(SerialConverter, OnlyTheRgbConversionObtainsTheEnvironment)
+{
+    const auto run = qrvtest::runProcess({CONVERTER_SCENARIO, "serial-environment"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
 }

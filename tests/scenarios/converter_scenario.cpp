@@ -3,6 +3,7 @@
 // calls it makes return what it expects.
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,11 +93,61 @@ int concurrentWrappers()
     return 0;
 }
 
+// Counts the records of one source file; nothing is printed.
+std::atomic<int> recordsOfFile{0};
+
+void countRecordsOf(const std::string& file)
+{
+    qrvlog::QRV_Log::Instance()->setSink([file](const qrvlog::LogRecord& record) {
+        if (record.file == file) ++recordsOfFile;
+    });
+}
+
+// Of the serial conversions only YUV to RGB888 obtains the environment, whose
+// first use writes the environment report.
+int serialEnvironment()
+{
+    countRecordsOf("CIpmEnv");
+    QRV_Image yuv(8, 2, En_ImageFormat::YUV422_8, true, 1);
+    yuv.yuvLayout = 10;
+    QRV_Image rgb(8, 2, En_ImageFormat::RGB888, true, 1);
+    QRV_Image bgr(8, 2, En_ImageFormat::BGR888, true, 1);
+    QRV_Image gray(8, 2, En_ImageFormat::Gray8, true, 1);
+    CCpuSerialConverter converter;
+    if (converter.ConvertYUV422_8_To_BGR888(&yuv, &bgr, nullptr, nullptr) != 1) return fail("YUV to BGR");
+    if (converter.ConvertRGB888_To_Gray8(&rgb, &gray, nullptr, nullptr) != 1) return fail("RGB to gray");
+    if (recordsOfFile != 0) return fail("BGR and gray conversions leave the environment alone");
+    if (converter.ConvertYUV422_8_To_RGB888(&yuv, nullptr, nullptr, nullptr) != 8)
+        return fail("null destination");
+    if (recordsOfFile == 0) return fail("YUV to RGB obtains the environment, even for a call it refuses");
+    return 0;
+}
+
+// Runs one parallel conversion and prints its code, the number of its trace
+// lines and whether the destination kept its bytes: how the SIMD check
+// answers on the processor this runs on.
+int parallelCode()
+{
+    countRecordsOf("Converter/CCpuParaConverter");
+    QRV_Image yuv(8, 2, En_ImageFormat::YUV422_8, true, 1);
+    yuv.yuvLayout = 10;
+    QRV_Image rgb(8, 2, En_ImageFormat::RGB888, true, 1);
+    std::memset(rgb.data.get(), 0x77, rgb.dataSize);
+    CCpuParaConverter converter;
+    const int code = converter.ConvertYUV422_8_To_RGB888(&yuv, &rgb, nullptr, nullptr);
+    bool untouched = true;
+    for (size_t i = 0; i < rgb.dataSize; ++i) untouched = untouched && rgb.data[i] == 0x77;
+    std::printf("code=%d traces=%d untouched=%d\n", code, recordsOfFile.load(), untouched ? 1 : 0);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     const std::string name = argc > 1 ? argv[1] : "";
+    if (name == "serial-environment") return serialEnvironment();
+    if (name == "parallel-code") return parallelCode();
     qrvtest::printRecordsToStdout();
     if (name == "construct") {
         CConverter::Instance();

@@ -1,29 +1,19 @@
 // ipm-run: the command-line host of the QRV IPM library.
-#include <cstdio>
 #include <algorithm>
-#include <cstring>
-#include <exception>
+#include <cstdio>
 #include <string>
+#include <vector>
 
-#include "CIpmEnv.h"
 #include "CIpmFuncTable.h"
+#include "EnvironmentReport.h"
+#include "LogRouter.h"
+#include "Options.h"
 #include "QRV_Log.h"
+#include "Runner.h"
 
 namespace {
 
 using ipmcommon::CIpmFuncTable;
-
-void printUsage(FILE* out)
-{
-    std::fputs(
-        "usage: ipm-run [--list] [--report] [--help]\n"
-        "\n"
-        "  --list     print the backends, the modules and every registered algorithm\n"
-        "  --report   print the environment report: the processor family, the graphics\n"
-        "             adapters found through sysfs, CUDA and OpenCL, and the selected one\n"
-        "  --help     print this text\n",
-        out);
-}
 
 int listAlgorithms()
 {
@@ -31,9 +21,11 @@ int listAlgorithms()
     const auto& backends = CIpmFuncTable::getBackendNames();
     const auto& modules = CIpmFuncTable::getModuleNames();
     std::printf("Backends:");
-    for (size_t b = 0; b < backends.size(); ++b) std::printf("%s %zu \"%s\"", b ? "," : "", b, qrvlog::toUtf8(backends[b]).c_str());
+    for (size_t b = 0; b < backends.size(); ++b)
+        std::printf("%s %zu \"%s\"", b ? "," : "", b, qrvlog::toUtf8(backends[b]).c_str());
     std::printf("\nModules:");
-    for (size_t m = 0; m < modules.size(); ++m) std::printf("%s %zu \"%s\"", m ? "," : "", m, qrvlog::toUtf8(modules[m]).c_str());
+    for (size_t m = 0; m < modules.size(); ++m)
+        std::printf("%s %zu \"%s\"", m ? "," : "", m, qrvlog::toUtf8(modules[m]).c_str());
     std::printf("\n\nRegistered algorithms (BACKEND/MODULE/INDEX  name):\n");
     size_t count = 0;
     for (size_t b = 0; b < backends.size(); ++b) {
@@ -52,39 +44,22 @@ int listAlgorithms()
     return 0;
 }
 
-// The report as a person reads it: one report line per output line, without
-// the CR LF that separates the lines inside a raw log.
-int printEnvironmentReport()
-{
-    qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord& record) {
-        if (record.file != "CIpmEnv") return;
-        const size_t start = record.text.compare(0, 2, L"\r\n") == 0 ? 2 : 0;
-        const std::string line = qrvlog::toUtf8(record.text.substr(start)) + "\n";
-        std::fwrite(line.data(), 1, line.size(), stdout);
-    });
-    try {
-        ipm::CIpmEnv::Instance();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "ipm-run: the environment could not be detected: %s\n", error.what());
-        return 1;
-    }
-    return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--list") == 0) return listAlgorithms();
-        if (std::strcmp(argv[i], "--report") == 0) return printEnvironmentReport();
-        if (std::strcmp(argv[i], "--help") == 0) {
-            printUsage(stdout);
-            return 0;
-        }
-        std::fprintf(stderr, "ipm-run: unknown option '%s'\n", argv[i]);
-        printUsage(stderr);
-        return 2;
+    Options options;
+    std::string error;
+    if (!Options::parse(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+        std::fprintf(stderr, "ipm-run: %s\n", error.c_str());
+        return Runner::kUsageError;
     }
-    return listAlgorithms();
+    LogRouter::install(options.logLevel);
+    switch (options.mode) {
+    case Options::Mode::Help: std::fputs(Options::usage(), stdout); return 0;
+    case Options::Mode::List: return listAlgorithms();
+    case Options::Mode::Report: return EnvironmentReport::print(stdout, options.logLevel);
+    case Options::Mode::Run: break;
+    }
+    return Runner::run(options);
 }
