@@ -198,7 +198,7 @@ TEST_F(EnvironmentDetection, WalkErrorReachesOneFirstCallerAndReleasesTheOthers)
 TEST(EnvironmentFirstUse, HangingCuInitHoldsTheFirstInstance)
 {
     qrvtest::ProcessOptions options = qrvtest::runtimeOptions(stubs("init=hang"));
-    options.timeout = std::chrono::seconds(3);
+    options.timeout = std::chrono::seconds(2);
     const qrvtest::ProcessResult result = qrvtest::runProcess({ENV_SCENARIO, "hang"}, options);
     EXPECT_TRUE(result.timedOut) << "exit " << result.exitCode << ": " << result.err;
     EXPECT_EQ(result.signal, SIGKILL);
