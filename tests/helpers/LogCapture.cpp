@@ -55,9 +55,7 @@ std::string sourceLine(const std::string& file, int line)
     return text;
 }
 
-namespace {
-
-std::string escape(const std::string& text)
+std::string escapeField(const std::string& text)
 {
     std::string out;
     for (char c : text) {
@@ -72,7 +70,7 @@ std::string escape(const std::string& text)
     return out;
 }
 
-std::string unescape(const std::string& text)
+std::string unescapeField(const std::string& text)
 {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
@@ -86,14 +84,23 @@ std::string unescape(const std::string& text)
     return out;
 }
 
-}  // namespace
+std::vector<std::string> splitFields(const std::string& line)
+{
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
+        fields.push_back(unescapeField(line.substr(start, tab - start)));
+    }
+    fields.push_back(unescapeField(line.substr(start)));
+    return fields;
+}
 
 void printRecordsToStdout()
 {
     qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord& record) {
         const std::string line = "LOG\t" + std::to_string(static_cast<int>(record.level)) + "\t" +
                                  record.file + "\t" + std::to_string(record.line) + "\t" +
-                                 record.function + "\t" + escape(utf8(record.text)) + "\n";
+                                 record.function + "\t" + escapeField(utf8(record.text)) + "\n";
         std::fwrite(line.data(), 1, line.size(), stdout);
         std::fflush(stdout);
     });
@@ -119,7 +126,7 @@ std::vector<qrvlog::LogRecord> parseRecords(const std::string& output)
         record.file = fields[1];
         record.line = std::stoi(fields[2]);
         record.function = fields[3];
-        record.text = qrvlog::fromUtf8(unescape(line.substr(start)));
+        record.text = qrvlog::fromUtf8(unescapeField(line.substr(start)));
         records.push_back(std::move(record));
     }
     return records;

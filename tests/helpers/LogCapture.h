@@ -42,4 +42,11 @@ std::string utf8(const std::wstring& text);
 // it was written; empty past the end.
 std::string sourceLine(const std::string& file, int line);
 
+// The escaping of the text field of printRecordsToStdout's lines, for other
+// tab-separated lines that scenario programs print.
+std::string escapeField(const std::string& text);
+std::string unescapeField(const std::string& text);
+// The fields of such a line, split at its tabs and unescaped.
+std::vector<std::string> splitFields(const std::string& line);
+
 }  // namespace qrvtest
