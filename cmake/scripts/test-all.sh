@@ -21,7 +21,7 @@ for preset in $presets; do
   echo "=== $preset: test$( [ "$preset" = aarch64 ] && echo " (under qemu-aarch64)")"
   out=$(ctest --preset "$preset" -j "$jobs" 2>&1)
   code=$?
-  echo "$out" | grep -E "tests passed|Failed|\*\*\*|Not Run|Timeout" | head -60
+  echo "$out" | grep -E "tests passed|\*\*\*|Not Run|\(Failed\)|\(Timeout\)" | head -60
   summary=$(echo "$out" | grep -E "[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+" | tail -1)
   if [ -n "$summary" ]; then
     total=$(echo "$summary" | sed -E 's/.* out of ([0-9]+).*/\1/')
