@@ -1,0 +1,139 @@
+// The object a host creates to run image processing on a stream of frames.
+//
+// The host fills a processing list, registers a displayer callback and starts
+// the manager; a producer thread then hands frames to onNewFrame(). A worker
+// thread owned by the manager takes the newest frame, copies it into the first
+// step's source image, runs every step through the function table and reports
+// the destination of every step that succeeded to the callback. Frames that
+// arrive while a pass runs replace one another: the next pass works on the
+// newest one, and nothing is queued.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "IpmTypes.h"
+#include "QRV_Image.h"
+
+namespace ipm {
+class CIpmEnv;
+}
+namespace ipmcommon {
+class CIpmFuncTable;
+}
+class CConverter;
+
+class CImageProcessMng {
+public:
+    // Called on the worker thread with the frame's tag, the step's position in
+    // the list (from 0) and the step's destination, once per successful step.
+    using DisplayerCallback = std::function<void(int, int, const qrv_img::QRV_Image&)>;
+
+    // One step of the processing list. The images belong to the host and must
+    // outlive the manager's use of them.
+    struct ProcEntry {
+        ipmcommon::EnIpmModule module;
+        int index;
+        ipmcommon::EnProcessBackend backend;
+        // Receives every frame when this is the first step. A null source on a
+        // later step is replaced, in the list itself, by the previous step's
+        // destination on the first pass.
+        qrv_img::QRV_Image* src;
+        qrv_img::QRV_Image* dst;
+        void* user1;
+        void* user2;
+    };
+
+    // The frame buffer: three slots that the producer and the worker hand to
+    // each other without ever waiting for one another.
+    //
+    // At any moment each slot has exactly one role: the back slot, which only
+    // the producer writes; the newest published slot, which nobody touches;
+    // and the front slot, which only the current pass reads. The producer
+    // fills the back slot and publishes it by swapping it with the newest one
+    // in one atomic exchange, so that a frame published before a pass claimed
+    // it is simply overwritten two frames later. A pass claims the newest
+    // slot by swapping its own front slot in, again in one exchange, and owns
+    // it until it ends: the producer cannot reach the front slot, so no frame
+    // is ever read while it is being written, and onNewFrame() never waits.
+    //
+    // A slot keeps its pixel buffer while frames keep its width, height,
+    // format and YUV layout; the producer reallocates it only on a change.
+    //
+    // The published word carries the slot number and the hasFrame bit, set by
+    // every publication and cleared by every claim. A pass that finds the bit
+    // clear has nothing new to process; keeping both in one word is what makes
+    // each claim see a slot and its bit from the same publication.
+    struct TripleBuffer {
+        static constexpr uint32_t kSlotMask = 0x3;
+        static constexpr uint32_t kHasFrame = 0x4;
+
+        // The producer publishes the back slot and takes the former newest
+        // slot as its next back slot.
+        void publish();
+        // The newest published slot, now owned by the caller until its next
+        // claim, or null when nothing was published since the last claim.
+        const qrv_img::QRV_Image* claimNewest();
+
+        qrv_img::QRV_Image slots[3];
+        int32_t back = 0;                   // producer side only
+        std::atomic<uint32_t> published{1};  // the newest slot | kHasFrame
+        int32_t front = 2;                  // worker side only
+    };
+
+    CImageProcessMng();
+    ~CImageProcessMng();
+    CImageProcessMng(const CImageProcessMng&) = delete;
+    CImageProcessMng& operator=(const CImageProcessMng&) = delete;
+
+    // Binds the process-wide environment, function table and converter
+    // catalogue, creating them on first use, and starts the worker.
+    bool initialize();
+    // Stops the worker and empties the processing list.
+    void deinitialize();
+    // Starts the worker unless one runs already; a frame that arrived while
+    // none ran is processed at once.
+    bool run();
+    // Ends the worker after the pass it is in and waits for it. Must not be
+    // called from the displayer callback.
+    void stop();
+
+    // 1, or 8 for a null destination. The coordinates are checked at dispatch
+    // on every frame. The list and the callback may only change while no
+    // worker runs.
+    int addProcList(ipmcommon::EnProcessBackend backend, ipmcommon::EnIpmModule module, int index,
+                    qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1,
+                    void* user2);
+    void clearProcList();
+    // An empty callback switches reporting off.
+    void registerDisplayerCallback(DisplayerCallback callback);
+
+    // Copies the frame into the buffer and wakes the worker; never waits for
+    // a pass. One producer thread at a time.
+    void onNewFrame(const qrv_img::QRV_Image& frame);
+
+private:
+    void threadEntry_();
+    // One pass over the processing list with the newest frame.
+    void processOneFrame_();
+    void copyIntoFirstSource_(const qrv_img::QRV_Image& frame);
+
+    ipm::CIpmEnv* env_ = nullptr;
+    CConverter* converter_ = nullptr;
+    // Atomic because initialize() may bind the table while a worker, started
+    // by an earlier run(), already reads it.
+    std::atomic<ipmcommon::CIpmFuncTable*> funcTable_{nullptr};
+    std::vector<ProcEntry> procList_;
+    std::thread worker_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool frameReady_ = false;  // guarded by mutex_
+    TripleBuffer buffer_;
+    DisplayerCallback displayer_;
+};
