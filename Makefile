@@ -25,11 +25,12 @@ BENCH_OUT = build/native/bench
 bench: deps
 	@cmake/scripts/install-packages.sh cmake/debian-packages-bench.txt
 	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
-	@cmake --build --preset native -j $(JOBS) --target converter_bench
+	@cmake --build --preset native -j $(JOBS) --target converter_bench bench_manager
 	$(BENCH_OUT)/converter_bench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 		--benchmark_out=$(BENCH_OUT)/converter_bench.json --benchmark_out_format=json \
 		| tee $(BENCH_OUT)/converter_bench.txt
-	@echo "results: $(BENCH_OUT)/converter_bench.txt and $(BENCH_OUT)/converter_bench.json"
+	$(BENCH_OUT)/bench_manager | tee $(BENCH_OUT)/bench_manager.txt
+	@echo "results: $(BENCH_OUT)/converter_bench.txt, $(BENCH_OUT)/converter_bench.json and $(BENCH_OUT)/bench_manager.txt"
 
 clean:
 	rm -rf build

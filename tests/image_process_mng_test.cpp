@@ -148,14 +148,10 @@ QRV_Image makeFrame(uint32_t width, uint32_t height, int32_t tag,
 // A test step: the table calls the StepBody that user1 points to.
 using StepBody = std::function<int(const QRV_Image& source, QRV_Image& destination)>;
 
-class ManagerTestEnvironment : public ::testing::Environment {
+class ProbeRegistration : public ::testing::Environment {
 public:
     void SetUp() override
     {
-        // The manager needs no GPU runtime. An empty OpenCL vendor list keeps
-        // the machine's OpenCL drivers out of the environment's first use;
-        // they leak when the probe unloads them, which LeakSanitizer reports.
-        setenv("OCL_ICD_VENDORS", "/nonexistent/opencl-vendors", 1);
         CIpmFuncTable::Instance()->registerFunc(
             kSerial, EnIpmModule::Splitter, kProbeIndex,
             [](const QRV_Image* source, QRV_Image* destination, void* user1, void*) {
@@ -164,8 +160,8 @@ public:
             L"test step");
     }
 };
-::testing::Environment* const managerTestEnvironment =
-    ::testing::AddGlobalTestEnvironment(new ManagerTestEnvironment);
+::testing::Environment* const probeRegistration =
+    ::testing::AddGlobalTestEnvironment(new ProbeRegistration);
 
 int addStep(CImageProcessMng& manager, StepBody& body, QRV_Image* source, QRV_Image* destination)
 {
