@@ -164,8 +164,9 @@ TEST_F(Displayer, FeedingEachFrameBackProcessesEveryOneOnceInOrder)
 TEST_F(Displayer, CallingStopOnItsOwnWorkerEndsTheWorkerWithALoggedErrorInsteadOfHanging)
 {
 #ifdef QRV_TSAN_BUILD
-    GTEST_SKIP() << "ThreadSanitizer's pthread_join interceptor forgets a thread that tried to join itself, and "
-                    "its runtime then fails the host's join";
+    GTEST_SKIP()
+        << "ThreadSanitizer's pthread_join interceptor forgets a thread that tried to join itself, and "
+           "its runtime then fails the host's join";
 #endif
     qrvtest::LogCapture capture;
     manager.registerDisplayerCallback([&](int tag, int, const QRV_Image&) {

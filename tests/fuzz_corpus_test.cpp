@@ -38,9 +38,11 @@ TEST(DispatchCorpus, ConvertSeedsSucceedOnEveryBuiltInConversionLayoutAndSourceF
     using F = CConverter::F;
     std::set<Variant> required;
     for (EnProcessBackend backend : {EnProcessBackend::CPU_Serial, EnProcessBackend::CPU_Parallel}) {
-        for (const auto& [index, name] : CIpmFuncTable::Instance()->getAlgorithmList(backend, EnIpmModule::Converter)) {
+        for (const auto& [index, name] :
+             CIpmFuncTable::Instance()->getAlgorithmList(backend, EnIpmModule::Converter)) {
             const int b = static_cast<int>(backend);
-            if (index == static_cast<int>(F::YUV422_8_To_RGB888) || index == static_cast<int>(F::YUV422_8_To_BGR888)) {
+            if (index == static_cast<int>(F::YUV422_8_To_RGB888) ||
+                index == static_cast<int>(F::YUV422_8_To_BGR888)) {
                 for (int layout = 10; layout <= 13; ++layout) required.insert({b, index, layout});
             } else if (index == static_cast<int>(F::RGB888_To_Gray8)) {
                 required.insert({b, index, 301});
@@ -52,13 +54,16 @@ TEST(DispatchCorpus, ConvertSeedsSucceedOnEveryBuiltInConversionLayoutAndSourceF
     }
 
     std::set<Variant> seeded;
-    for (const auto& entry : std::filesystem::directory_iterator(QRV_SOURCE_DIR "/tests/fuzz/corpus/dispatch")) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(QRV_SOURCE_DIR "/tests/fuzz/corpus/dispatch")) {
         const std::string name = entry.path().filename().string();
         if (name.rfind("convert_", 0) != 0) continue;
         const std::vector<uint8_t> bytes = readFile(entry.path());
         qrvfuzz::DispatchCall call = qrvfuzz::decodeDispatchCall(bytes.data(), bytes.size());
         const int code = call.dispatch();
-        if (code == result::NoSimd) GTEST_SKIP() << "this processor lacks the SIMD level of the parallel kernels";
+        if (code == result::NoSimd) {
+            GTEST_SKIP() << "this processor lacks the SIMD level of the parallel kernels";
+        }
         EXPECT_EQ(code, result::Success) << name;
         EXPECT_EQ(call.module, EnIpmModule::Converter) << name;
         const bool yuv = call.source.format == qrv_img::En_ImageFormat::YUV422_8;

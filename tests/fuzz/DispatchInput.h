@@ -28,10 +28,9 @@ struct DispatchCall {
 
     int dispatch()
     {
-        return ipmcommon::CIpmFuncTable::Instance()->process(backend, module, index,
-                                                             nullSource ? nullptr : &source,
-                                                             nullDestination ? nullptr : &destination, nullptr,
-                                                             nullptr);
+        return ipmcommon::CIpmFuncTable::Instance()->process(
+            backend, module, index, nullSource ? nullptr : &source, nullDestination ? nullptr : &destination,
+            nullptr, nullptr);
     }
 };
 

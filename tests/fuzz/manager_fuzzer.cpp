@@ -28,8 +28,8 @@ using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
 using qrvfuzz::Input;
 
-constexpr En_ImageFormat kFormats[] = {En_ImageFormat::YUV422_8, En_ImageFormat::RGB888, En_ImageFormat::BGR888,
-                                       En_ImageFormat::Gray8};
+constexpr En_ImageFormat kFormats[] = {En_ImageFormat::YUV422_8, En_ImageFormat::RGB888,
+                                       En_ImageFormat::BGR888, En_ImageFormat::Gray8};
 
 QRV_Image makeImage(Input& in)
 {
@@ -87,7 +87,9 @@ struct HostView {
     void check(int tag, int position, const QRV_Image& image) const
     {
         if (!workerMayRun.load()) fail("a report after stop returned");
-        if (position < 0 || static_cast<size_t>(position) >= destinations.size()) fail("a report for no step");
+        if (position < 0 || static_cast<size_t>(position) >= destinations.size()) {
+            fail("a report for no step");
+        }
         if (&image != destinations[static_cast<size_t>(position)]) fail("a report with another step's image");
         if (tag < 0 || tag > 255 || !possibleTags[tag]) fail("a report with a tag no frame carried");
     }
@@ -97,7 +99,8 @@ CImageProcessMng::DisplayerCallback makeCallback(uint8_t pick, const HostView& v
 {
     switch (pick % 3) {
     case 0: return nullptr;
-    case 1: return [&view](int tag, int position, const QRV_Image& image) { view.check(tag, position, image); };
+    case 1:
+        return [&view](int tag, int position, const QRV_Image& image) { view.check(tag, position, image); };
     default:
         return [&view](int tag, int position, const QRV_Image& image) {
             view.check(tag, position, image);
@@ -166,7 +169,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 QRV_Image* source = sourcePick < 48 ? nullptr : images[sourcePick % images.size()].get();
                 QRV_Image* destination =
                     destinationPick < 240 ? images[destinationPick % images.size()].get() : nullptr;
-                const int code = manager.addProcList(backend, module, index, source, destination, nullptr, nullptr);
+                const int code =
+                    manager.addProcList(backend, module, index, source, destination, nullptr, nullptr);
                 if (code != (destination != nullptr ? 1 : 8)) fail("addProcList gave the wrong code");
                 if (destination != nullptr) view.destinations.push_back(destination);
                 break;
@@ -175,9 +179,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 manager.clearProcList();
                 view.destinations.clear();
                 break;
-            case 2:
-                manager.registerDisplayerCallback(makeCallback(in.byte(), view));
-                break;
+            case 2: manager.registerDisplayerCallback(makeCallback(in.byte(), view)); break;
             case 3: start(&CImageProcessMng::run); break;
             case 4: end(&CImageProcessMng::stop); break;
             case 5: start(&CImageProcessMng::initialize); break;

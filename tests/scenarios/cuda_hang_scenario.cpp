@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kPatience = 20s;  // for anything that should finish
+constexpr auto kPatience = 20s;      // for anything that should finish
 constexpr auto kBlockedFor = 300ms;  // how long a blocked call is watched
 
 bool exists(const char* path)
@@ -60,12 +60,12 @@ int main()
     QRV_Image gray(4, 2, En_ImageFormat::Gray8, true, 1);
     std::promise<int> processed;
     CImageProcessMng manager;
-    manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 2, &source, &gray, nullptr, nullptr);
-    manager.registerDisplayerCallback(
-        [&processed, once = true](int tag, int, const QRV_Image&) mutable {
-            if (once) processed.set_value(tag);
-            once = false;
-        });
+    manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 2, &source, &gray, nullptr,
+                        nullptr);
+    manager.registerDisplayerCallback([&processed, once = true](int tag, int, const QRV_Image&) mutable {
+        if (once) processed.set_value(tag);
+        once = false;
+    });
 
     auto initialized = std::async(std::launch::async, [&] { return manager.initialize(); });
     if (!waitForFile(entered)) {
@@ -82,8 +82,8 @@ int main()
     auto dispatched = std::async(std::launch::async, [] {
         QRV_Image rgb(4, 2, En_ImageFormat::RGB888, true, 1);
         QRV_Image out(4, 2, En_ImageFormat::Gray8, true, 1);
-        return ipmcommon::CIpmFuncTable::Instance()->process(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 2,
-                                                             &rgb, &out, nullptr, nullptr);
+        return ipmcommon::CIpmFuncTable::Instance()->process(
+            EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 2, &rgb, &out, nullptr, nullptr);
     });
     if (finishes(dispatched, kPatience)) {
         std::printf("serial RGB to gray dispatch: %d\n", dispatched.get());
@@ -96,17 +96,18 @@ int main()
         QRV_Image yuv(4, 2, En_ImageFormat::YUV422_8, true, 1);
         yuv.yuvLayout = 10;
         QRV_Image out(4, 2, En_ImageFormat::RGB888, true, 1);
-        return ipmcommon::CIpmFuncTable::Instance()->process(EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 0,
-                                                             &yuv, &out, nullptr, nullptr);
+        return ipmcommon::CIpmFuncTable::Instance()->process(
+            EnProcessBackend::CPU_Serial, EnIpmModule::Converter, 0, &yuv, &out, nullptr, nullptr);
     });
     std::this_thread::sleep_for(kBlockedFor);
     std::puts(finishes(initialized, 0ms) ? "initialize returned early" : "initialize waits");
     std::puts(finishes(environment, 0ms) ? "environment returned early" : "environment waits");
-    std::puts(finishes(yuvDispatch, 0ms) ? "serial YUV dispatch returned early" : "serial YUV dispatch waits");
+    std::puts(finishes(yuvDispatch, 0ms) ? "serial YUV dispatch returned early"
+                                         : "serial YUV dispatch waits");
 
     if (FILE* file = std::fopen(release, "w")) std::fclose(file);
-    const bool allReturned =
-        finishes(initialized, kPatience) && finishes(environment, kPatience) && finishes(yuvDispatch, kPatience);
+    const bool allReturned = finishes(initialized, kPatience) && finishes(environment, kPatience) &&
+                             finishes(yuvDispatch, kPatience);
     std::puts(allReturned ? "all returned after the release" : "still blocked after the release");
     if (!allReturned) return 1;
     std::printf("serial YUV dispatch: %d\n", yuvDispatch.get());
@@ -117,7 +118,8 @@ int main()
     } else {
         std::puts("the frame was not processed");
     }
-    const ipm::GpuInfo gpu = ipm::CIpmEnv::Instance()->gpu.getGpu(ipm::CIpmEnv::Instance()->gpu.getGpuCount() - 1);
+    const ipm::GpuInfo gpu =
+        ipm::CIpmEnv::Instance()->gpu.getGpu(ipm::CIpmEnv::Instance()->gpu.getGpuCount() - 1);
     std::printf("last adapter: %s, CUDA %s\n", gpu.name.c_str(),
                 gpu.cudaState == ipm::En_ApiState::Available ? "available" : "not available");
     manager.deinitialize();

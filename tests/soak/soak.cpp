@@ -96,12 +96,15 @@ class Lane {
 public:
     Lane(int id, const Options& options)
         : id_(id),
-          frameInterval_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / options.fps))),
+          frameInterval_(
+              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / options.fps))),
           // Deliveries cannot outrun the clock; the margin covers a late start.
           capacity_(static_cast<size_t>(options.seconds + 30) * static_cast<size_t>(options.fps) + 2),
           states_(capacity_),
+          deliveredAt_(capacity_),
           reported_(capacity_),
-          claims_(capacity_)
+          claims_(capacity_),
+          claimedAt_(capacity_)
     {
         setGeometry(kGeometries[0]);
         buildList();
@@ -159,6 +162,19 @@ public:
 
     void stop() { manager_.stop(); }
 
+    // The first step of every pass, on the worker thread, right after the
+    // pass claimed its frame.
+    static int probe(const QRV_Image* source, QRV_Image*, void* user1, void*)
+    {
+        Lane& lane = *static_cast<Lane*>(user1);
+        lane.passRunning_ = true;
+        const auto tag = static_cast<uint32_t>(source->frameTag);
+        if (lane.claimCount_ < lane.capacity_) lane.claims_[lane.claimCount_++] = tag;
+        if (tag < lane.capacity_) lane.claimedAt_[tag] = Clock::now();
+        lane.lastClaimed_ = tag;
+        return ipmcommon::result::Success;
+    }
+
     // Prints the counts and returns whether the accounting holds.
     bool account() const
     {
@@ -171,8 +187,10 @@ public:
         const uint32_t deliveries = lastDelivered_.load();
         uint32_t previous = 0;
         for (size_t i = 0; i < claimCount_; ++i) {
-            if (claims_[i] <= previous) problem("pass on tag " + std::to_string(claims_[i]) + " after tag " +
-                                               std::to_string(previous));
+            if (claims_[i] <= previous) {
+                problem("pass on tag " + std::to_string(claims_[i]) + " after tag " +
+                        std::to_string(previous));
+            }
             previous = claims_[i];
         }
         uint32_t passes = 0;
@@ -181,11 +199,15 @@ public:
         uint32_t dropsIdle = 0;
         uint32_t firstBadTag = 0;
         size_t claim = 0;
+        // From onNewFrame to the first step of the pass, for frames that
+        // found the worker idle.
+        std::vector<Clock::duration> idleLatencies;
         for (uint32_t tag = 1; tag <= deliveries; ++tag) {
             const bool claimed = claim < claimCount_ && claims_[claim] == tag;
             if (claimed) {
                 ++claim;
                 ++passes;
+                if (states_[tag] == Running) idleLatencies.push_back(claimedAt_[tag] - deliveredAt_[tag]);
                 if (reported_[tag] != kAllSteps && firstBadTag == 0) firstBadTag = tag;
                 continue;
             }
@@ -202,15 +224,31 @@ public:
         }
         if (claim != claimCount_) problem("a pass claimed a tag that was never delivered");
         if (firstBadTag != 0) {
-            problem("frame " + std::to_string(firstBadTag) + " was reported for other steps than its pass ran");
+            problem("frame " + std::to_string(firstBadTag) +
+                    " was reported for other steps than its pass ran");
         }
         const uint32_t drops = dropsStopped + dropsBusy + dropsIdle;
         if (deliveries != passes + drops) problem("deliveries are not passes plus drops");
-        if (dropsIdle > std::max<uint32_t>(2, deliveries / 100)) problem("too many frames lost by an idle worker");
-        std::printf("manager %d (%s converters): %u deliveries = %u passes + %u drops (%u while stopped, %u behind "
-                    "a running pass, %u missed by an idle worker); %d cycles, %d geometry changes\n",
-                    id_, id_ % 2 == 0 ? "serial" : "parallel", deliveries, passes, drops, dropsStopped, dropsBusy,
-                    dropsIdle, cycles_, geometryChanges_);
+        if (dropsIdle > std::max<uint32_t>(2, deliveries / 100)) {
+            problem("too many frames lost by an idle worker");
+        }
+        std::printf(
+            "manager %d (%s converters): %u deliveries = %u passes + %u drops (%u while stopped, %u behind "
+            "a running pass, %u missed by an idle worker); %d cycles, %d geometry changes\n",
+            id_, id_ % 2 == 0 ? "serial" : "parallel", deliveries, passes, drops, dropsStopped, dropsBusy,
+            dropsIdle, cycles_, geometryChanges_);
+        if (!idleLatencies.empty()) {
+            std::sort(idleLatencies.begin(), idleLatencies.end());
+            const auto at = [&](double share) {
+                const size_t index =
+                    static_cast<size_t>(share * static_cast<double>(idleLatencies.size() - 1));
+                return std::chrono::duration<double, std::milli>(idleLatencies[index]).count();
+            };
+            std::printf(
+                "manager %d: delivery to pass start on an idle worker: median %.2f ms, 99.9th "
+                "percentile %.2f ms, max %.2f ms\n",
+                id_, at(0.5), at(0.999), at(1.0));
+        }
         return ok;
     }
 
@@ -233,18 +271,22 @@ private:
     void buildList()
     {
         const EnProcessBackend converters = converterBackend();
-        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kProbeIndex, &source_, &probed_,
-                             this, nullptr);
+        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kProbeIndex, &source_,
+                             &probed_, this, nullptr);
         manager_.addProcList(converters, EnIpmModule::Converter,
-                             static_cast<int>(CConverter::F::YUV422_8_To_RGB888), &source_, &rgb_, nullptr, nullptr);
-        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, kMirror, nullptr, &mirrored_,
-                             nullptr, nullptr);
-        manager_.addProcList(converters, EnIpmModule::Converter, static_cast<int>(CConverter::F::RGB888_To_Gray8),
-                             nullptr, &gray_, nullptr, nullptr);
-        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, kThreshold, nullptr, &binary_,
-                             nullptr, nullptr);
+                             static_cast<int>(CConverter::F::YUV422_8_To_RGB888), &source_, &rgb_, nullptr,
+                             nullptr);
+        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, kMirror, nullptr,
+                             &mirrored_, nullptr, nullptr);
+        manager_.addProcList(converters, EnIpmModule::Converter,
+                             static_cast<int>(CConverter::F::RGB888_To_Gray8), nullptr, &gray_, nullptr,
+                             nullptr);
+        manager_.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom, kThreshold, nullptr,
+                             &binary_, nullptr, nullptr);
         manager_.registerDisplayerCallback([this](int tag, int position, const QRV_Image&) {
-            if (tag > 0 && static_cast<size_t>(tag) < capacity_) reported_[tag] |= static_cast<uint8_t>(1u << position);
+            if (tag > 0 && static_cast<size_t>(tag) < capacity_) {
+                reported_[tag] |= static_cast<uint8_t>(1u << position);
+            }
             if (position == kSteps - 1) passRunning_ = false;
         });
     }
@@ -289,6 +331,7 @@ private:
             std::memset(frame.pixels(), static_cast<int>(tag & 0xFF), frame.pixelBytes());
             frame.frameTag = static_cast<int32_t>(tag);
             states_[tag] = stopped_ ? Stopped : passRunning_ ? PassRunning : Running;
+            deliveredAt_[tag] = Clock::now();
             manager_.onNewFrame(frame);
             lastDelivered_ = tag;
             if (announce) {
@@ -301,20 +344,6 @@ private:
         geometryCv_.notify_all();
     }
 
-public:
-    // The first step of every pass, on the worker thread, right after the
-    // pass claimed its frame.
-    static int probe(const QRV_Image* source, QRV_Image*, void* user1, void*)
-    {
-        Lane& lane = *static_cast<Lane*>(user1);
-        lane.passRunning_ = true;
-        const auto tag = static_cast<uint32_t>(source->frameTag);
-        if (lane.claimCount_ < lane.capacity_) lane.claims_[lane.claimCount_++] = tag;
-        lane.lastClaimed_ = tag;
-        return ipmcommon::result::Success;
-    }
-
-private:
     const int id_;
     const Clock::duration frameInterval_;
     const size_t capacity_;
@@ -327,7 +356,8 @@ private:
     // Producer side.
     std::thread producer_;
     std::atomic<bool> producing_{true};
-    std::vector<uint8_t> states_;  // by tag
+    std::vector<uint8_t> states_;                 // by tag
+    std::vector<Clock::time_point> deliveredAt_;  // by tag: when onNewFrame was called
     std::atomic<uint32_t> lastDelivered_{0};
     std::atomic<bool> overflow_{false};
     std::mutex geometryMutex_;
@@ -343,8 +373,9 @@ private:
 
     // Worker side.
     std::atomic<bool> passRunning_{false};
-    std::vector<uint8_t> reported_;  // by tag: a bit per step position
-    std::vector<uint32_t> claims_;   // tags in the order passes claimed them
+    std::vector<uint8_t> reported_;             // by tag: a bit per step position
+    std::vector<uint32_t> claims_;              // tags in the order passes claimed them
+    std::vector<Clock::time_point> claimedAt_;  // by tag: when the pass's first step ran
     size_t claimCount_ = 0;
     std::atomic<uint32_t> lastClaimed_{0};
 
@@ -383,7 +414,8 @@ int main(int argc, char** argv)
     }
     CIpmFuncTable* table = CIpmFuncTable::Instance();
     if (table->getAlgorithmList(EnProcessBackend::CPU_Serial, EnIpmModule::User_Custom).size() != 2) {
-        std::fprintf(stderr, "soak: the example plug-in was not found (plugins/libCIpmUserCustom.so beside soak)\n");
+        std::fprintf(stderr,
+                     "soak: the example plug-in was not found (plugins/libCIpmUserCustom.so beside soak)\n");
         return 2;
     }
     // Registered before any worker runs, as the table requires.
@@ -399,9 +431,11 @@ int main(int argc, char** argv)
 
     const auto start = Clock::now();
     const auto end = start + std::chrono::seconds(options.seconds);
-    const auto cycle = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.cycleSeconds));
+    const auto cycle =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(options.cycleSeconds));
     std::vector<Clock::time_point> nextCycle;
-    for (int id = 0; id < options.managers; ++id) nextCycle.push_back(start + cycle * (id + 1) / options.managers);
+    for (int id = 0; id < options.managers; ++id)
+        nextCycle.push_back(start + cycle * (id + 1) / options.managers);
     std::vector<size_t> resident;
     resident.reserve(static_cast<size_t>(options.seconds) + 2);
     auto nextSample = start;
