@@ -121,7 +121,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     Watchdog watchdog(std::chrono::seconds(20));
     Input in(data, size);
-    // From back to back up to about a camera's rate within one input.
+    // Frames back to back or up to 0.6 ms apart, so that they meet passes at
+    // every stage.
     const auto frameInterval = std::chrono::microseconds(in.byte() % 32 * 20);
 
     // The host's images outlive the manager, as the calling rules demand.
