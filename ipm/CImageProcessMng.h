@@ -56,8 +56,8 @@ public:
     // the producer writes; the newest published slot, which nobody touches;
     // and the front slot, which only the current pass reads. The producer
     // fills the back slot and publishes it by swapping it with the newest one
-    // in one atomic exchange, so that a frame published before a pass claimed
-    // it is simply overwritten two frames later. A pass claims the newest
+    // in one atomic exchange; a frame that no pass claimed in time is then
+    // overwritten by the frame after next. A pass claims the newest
     // slot by swapping its own front slot in, again in one exchange, and owns
     // it until it ends: the producer cannot reach the front slot, so no frame
     // is ever read while it is being written, and onNewFrame() never waits.
@@ -81,9 +81,9 @@ public:
         const qrv_img::QRV_Image* claimNewest();
 
         qrv_img::QRV_Image slots[3];
-        int32_t back = 0;                   // producer side only
+        int32_t back = 0;                    // producer side only
         std::atomic<uint32_t> published{1};  // the newest slot | kHasFrame
-        int32_t front = 2;                  // worker side only
+        int32_t front = 2;                   // worker side only
     };
 
     CImageProcessMng();
