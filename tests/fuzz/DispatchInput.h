@@ -1,11 +1,12 @@
-// How the dispatch fuzz target reads its input: coordinates, a null-pointer
+// How the dispatch fuzz target reads its input: coordinates, a pointer
 // choice and two image headers, each with a buffer that holds exactly the
 // bytes its header claims (dataOffset bytes, then the pixels), or none.
 //
-// Layout: backend, module, index, nulls (one byte each), then per image:
-// format pick, geometry pick, width, height, layout, sub-format pick (one byte
-// each), frameTag (4 bytes), buffer pick, then dataOffset + pixel bytes of
-// buffer content.
+// Layout: backend, module, index, pointer choice (one byte each; 1: null
+// source, 2: null destination, 3: the source as destination too), then per
+// image: format pick, geometry pick, width, height, layout, sub-format pick
+// (one byte each), frameTag (4 bytes), buffer pick, then dataOffset + pixel
+// bytes of buffer content.
 #pragma once
 
 #include <cstdint>
@@ -23,14 +24,15 @@ struct DispatchCall {
     int index = 0;
     bool nullSource = false;
     bool nullDestination = false;
+    bool inPlace = false;  // the source is the destination too
     qrv_img::QRV_Image source;
     qrv_img::QRV_Image destination;
 
     int dispatch()
     {
+        qrv_img::QRV_Image* target = nullDestination ? nullptr : inPlace ? &source : &destination;
         return ipmcommon::CIpmFuncTable::Instance()->process(
-            backend, module, index, nullSource ? nullptr : &source, nullDestination ? nullptr : &destination,
-            nullptr, nullptr);
+            backend, module, index, nullSource ? nullptr : &source, target, nullptr, nullptr);
     }
 };
 
@@ -69,9 +71,10 @@ inline DispatchCall decodeDispatchCall(const uint8_t* data, size_t size)
     call.backend = static_cast<ipmcommon::EnProcessBackend>(static_cast<int8_t>(in.byte()) % 7);
     call.module = static_cast<ipmcommon::EnIpmModule>(static_cast<int8_t>(in.byte()) % 6);
     call.index = static_cast<int8_t>(in.byte()) % 12;
-    const uint8_t nulls = in.byte();
-    call.nullSource = nulls == 1;
-    call.nullDestination = nulls == 2;
+    const uint8_t pointers = in.byte();
+    call.nullSource = pointers == 1;
+    call.nullDestination = pointers == 2;
+    call.inPlace = pointers == 3;
     call.source = decodeImage(in);
     call.destination = decodeImage(in);
     return call;
