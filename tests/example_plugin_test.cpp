@@ -74,7 +74,7 @@ TEST(ExamplePlugin, OffersMirrorAndThresholdUnderUserCustom)
 TEST(ExamplePlugin, MirrorReversesEveryRowForBothByteOrders)
 {
     for (const auto format : {En_ImageFormat::RGB888, En_ImageFormat::BGR888}) {
-        for (const uint32_t width : {1u, 2u, 3u, 8u, 33u}) {
+        for (const uint32_t width : {0u, 1u, 2u, 3u, 8u, 33u}) {
             SCOPED_TRACE("width " + std::to_string(width));
             const QRV_Image source = pattern(width, 3, format, static_cast<int>(width));
             QRV_Image destination(width, 3, format, true, 1);

@@ -47,6 +47,8 @@ int mirrorHorizontal(const QRV_Image* source, QRV_Image* destination, void*, voi
     const int check = checkPair(source, destination, kFormats);
     if (check != result::Success) return check;
     const size_t width = source->width;
+    // Nothing to mirror; the in-place loop below needs at least one column.
+    if (width == 0) return result::Success;
     const size_t rowBytes = source->rowBytes();
     for (size_t y = 0; y < source->height; ++y) {
         const uint8_t* in = source->pixels() + y * rowBytes;
