@@ -21,6 +21,7 @@
 #include "ProgressReporter.h"
 #include "RunStatistics.h"
 #include "RunSummary.h"
+#include "TempDir.h"
 
 namespace fs = std::filesystem;
 using qrv_img::En_ImageFormat;
@@ -29,30 +30,10 @@ using qrvtest::JsonValue;
 
 namespace {
 
-class TempDir {
+// Each suite's scratch directories carry its name.
+class TempDir : public qrvtest::TempDir {
 public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/ipm-run-output-XXXXXX";
-        path_ = ::mkdtemp(pattern);
-    }
-    ~TempDir() { fs::remove_all(path_); }
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-    // Every entry of the directory, hidden ones included.
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::recursive_directory_iterator(path_)) {
-            names.push_back(fs::relative(entry.path(), path_).string());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-private:
-    std::string path_;
+    TempDir() : qrvtest::TempDir("ipm-run-output") {}
 };
 
 std::string readFile(const std::string& path)

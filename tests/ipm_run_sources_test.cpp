@@ -14,6 +14,7 @@
 #include "Pacer.h"
 #include "RawYuvReader.h"
 #include "SyntheticCamera.h"
+#include "TempDir.h"
 
 using qrv_img::En_ImageFormat;
 using qrv_img::En_YuvLayout;
@@ -50,18 +51,10 @@ Group groupAt(const QRV_Image& frame, uint32_t x, uint32_t row)
     }
 }
 
-class TempDir {
+// Each suite's scratch directories carry its name.
+class TempDir : public qrvtest::TempDir {
 public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/ipm-run-sources-XXXXXX";
-        path_ = ::mkdtemp(pattern);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
+    TempDir() : qrvtest::TempDir("ipm-run-sources") {}
 };
 
 void writeFile(const std::string& path, const std::vector<uint8_t>& bytes)

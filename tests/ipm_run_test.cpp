@@ -23,6 +23,7 @@
 #include "QRV_Image.h"
 #include "Subprocess.h"
 #include "SyntheticCamera.h"
+#include "TempDir.h"
 
 namespace fs = std::filesystem;
 using ipmcommon::CIpmFuncTable;
@@ -37,27 +38,10 @@ namespace {
 
 const char* const kIpmRun = IPM_RUN_BINARY;
 
-class TempDir {
+// Each suite's scratch directories carry its name.
+class TempDir : public qrvtest::TempDir {
 public:
-    TempDir()
-    {
-        char pattern[] = "/tmp/ipm-run-test-XXXXXX";
-        path_ = ::mkdtemp(pattern);
-    }
-    ~TempDir() { fs::remove_all(path_); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::recursive_directory_iterator(path_)) {
-            names.push_back(fs::relative(entry.path(), path_).string());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-private:
-    std::string path_;
+    TempDir() : qrvtest::TempDir("ipm-run-test") {}
 };
 
 qrvtest::ProcessResult ipmRun(const std::vector<std::string>& args)
