@@ -273,7 +273,9 @@ extern "C" {
 void yuv422_to_rgb888_neon_layout(const uint8_t* source, uint8_t* destination, int width, int height,
                                   bool swap, int layout)
 {
-    if (height <= 0) return;
+    // A width of -16 or less would give a negative block count, and so a row
+    // end before the row's start.
+    if (width <= 0 || height <= 0) return;
     const uint8x16_t gather = yuvGatherTable(layout);
     if (swap) {
         yuvRows<true>(source, destination, width, height, gather);
@@ -289,7 +291,7 @@ void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int wid
 
 void rgb888_to_gray8_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr)
 {
-    if (height <= 0) return;
+    if (width <= 0 || height <= 0) return;
     grayRows(source, destination, width, height, grayWeights(bgr ? 29 : 77, bgr ? 77 : 29));
 }
 

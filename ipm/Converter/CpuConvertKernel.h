@@ -6,8 +6,8 @@
 // Each row is converted in groups of eight pixels and then, when exactly four
 // remain, one group of four; with a width that is not a multiple of 4 the last
 // width % 8 pixels of every row are left as they were. Nothing outside the
-// rows is read or written. Only the height is checked (nothing happens when it
-// is 0 or less).
+// rows is read or written. Nothing happens when the width or the height is 0 or
+// less.
 #pragma once
 
 #include <cstdint>
