@@ -10,6 +10,7 @@
 
 #define IPM_LOG_FILE "CImageProcessMng"
 #include "IpmLog.h"
+#include "TripleBuffer.h"
 
 using qrv_img::QRV_Image;
 
@@ -29,26 +30,7 @@ std::string currentExceptionText()
 
 }  // namespace
 
-void CImageProcessMng::TripleBuffer::publish()
-{
-    // Release hands the written slot over; acquire takes back a slot that a
-    // pass may have read until its last claim.
-    const uint32_t previous =
-        published.exchange(static_cast<uint32_t>(back) | kHasFrame, std::memory_order_acq_rel);
-    back = static_cast<int32_t>(previous & kSlotMask);
-}
-
-const QRV_Image* CImageProcessMng::TripleBuffer::claimNewest()
-{
-    // Only a claim clears the bit, so a set bit seen here is still set at the
-    // exchange, possibly on a newer slot.
-    if ((published.load(std::memory_order_relaxed) & kHasFrame) == 0) return nullptr;
-    const uint32_t previous = published.exchange(static_cast<uint32_t>(front), std::memory_order_acq_rel);
-    front = static_cast<int32_t>(previous & kSlotMask);
-    return &slots[front];
-}
-
-CImageProcessMng::CImageProcessMng()
+CImageProcessMng::CImageProcessMng() : buffer_(std::make_unique<TripleBuffer>())
 {
     IPM_LOG(Trace, L"Called");
 }
@@ -119,7 +101,7 @@ void CImageProcessMng::registerDisplayerCallback(DisplayerCallback callback)
 void CImageProcessMng::onNewFrame(const QRV_Image& frame)
 {
     IPM_LOG(Trace, L"Called");
-    QRV_Image& slot = buffer_.slots[buffer_.back];
+    QRV_Image& slot = buffer_->slots[buffer_->back];
     try {
         if (!slot.data || slot.width != frame.width || slot.height != frame.height ||
             slot.format != frame.format || slot.yuvLayout != frame.yuvLayout) {
@@ -134,11 +116,11 @@ void CImageProcessMng::onNewFrame(const QRV_Image& frame)
         IPM_LOG(Error, L"frame %d dropped: %s", frame.frameTag, currentExceptionText().c_str());
         return;
     }
-    buffer_.publish();
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        frameReady_ = true;
-    }
+    buffer_->publish();
+    // Notified while the mutex is held, as in stop(): the producer touches the
+    // condition variable only inside the worker's critical section.
+    std::lock_guard<std::mutex> lock(mutex_);
+    frameReady_ = true;
     cv_.notify_all();
 }
 
@@ -163,7 +145,7 @@ void CImageProcessMng::processOneFrame_()
     const ipmcommon::CIpmFuncTable* table = funcTable_.load(std::memory_order_acquire);
     if (procList_.empty() || table == nullptr) return;
     // A wake-up can find the frame already taken by the pass before it.
-    const QRV_Image* frame = buffer_.claimNewest();
+    const QRV_Image* frame = buffer_->claimNewest();
     if (frame == nullptr) return;
 
     copyIntoFirstSource_(*frame);

@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // Which processor family the library runs on, which SIMD instruction sets it
 // may use, and which level suits a kind of operation best.
 #pragma once

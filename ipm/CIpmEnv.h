@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // The process-wide description of the machine: the processor and its SIMD
 // levels, the graphics adapters and the selected one. The first Instance()
 // detects both and writes the environment report to the log.

@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // The process-wide registry of processing functions, keyed by backend, module
 // and algorithm index, and the dispatch through which every step runs.
 #pragma once

@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // The graphics adapters found on the machine and the one the host selected.
 //
 // Three sources fill the list: the kernel's display devices, the CUDA driver

@@ -34,6 +34,20 @@ std::string exe_dir_()
     return text.substr(0, slash);
 }
 
+// A plug-in that states its interface version and record size must state
+// this library's: its records would otherwise be copied with the wrong
+// layout. One that states nothing is taken as it is.
+bool interfaceMatches(void* handle, const std::string& candidate)
+{
+    const auto* info = static_cast<const IpmUserCustomInfo*>(dlsym(handle, "ipm_user_custom_info"));
+    if (info == nullptr) return true;
+    if (info->abiVersion == IPM_USER_CUSTOM_ABI_VERSION && info->algEntrySize == sizeof(AlgEntry)) return true;
+    IPM_LOG(Warning, L"interface mismatch in %hs: version %u, record size %u (this library: version %u, record size %u)",
+            candidate.c_str(), info->abiVersion, info->algEntrySize, IPM_USER_CUSTOM_ABI_VERSION,
+            static_cast<uint32_t>(sizeof(AlgEntry)));
+    return false;
+}
+
 }  // namespace
 
 // The plug-in's function objects, reached only through call() while the
@@ -112,41 +126,43 @@ const std::vector<AlgEntry>& UserCustomLoader::entries() const
 
 int UserCustomLoader::loadOnce()
 {
-    std::call_once(once_, [this] {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const std::string dir = exe_dir_();
-        const std::string name = kPluginName;
-        // Still open when an earlier attempt's register call threw: the new
-        // attempt opens the plug-in again, and this reference is dropped so
-        // that unload() closes it for good.
-        void* const earlier = handle_;
-        const bool opened =
-            tryOpen({dir + "/../lib/" + name, dir + "/" + name, dir + "/plugins/" + name, name});
-        if (earlier != nullptr) dlclose(earlier);
-        if (!opened) return;
-
-        AlgEntry* records = nullptr;
-        int count = 0;
-        if (registerFn_(&records, &count) != 0 || records == nullptr || count <= 0) {
-            IPM_LOG(Error, L"register failed");
-            return;
-        }
-        std::vector<AlgEntry> copies(records, records + count);
-        auto calls = std::make_shared<PluginCalls>();
-        for (AlgEntry& copy : copies) {
-            // An empty function stays empty, so that the table refuses it.
-            if (!copy.func) continue;
-            const size_t position = calls->add(std::move(copy.func));
-            copy.func = [calls, position](const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination,
-                                          void* user1, void* user2) {
-                return calls->call(position, source, destination, user1, user2);
-            };
-        }
-        entries_ = std::move(copies);
-        calls_ = std::move(calls);
-        IPM_LOG(Trace, L"registered entries: %d", count);
-    });
+    std::call_once(once_, &UserCustomLoader::load_, this);
     return static_cast<int>(entries_.size());
+}
+
+void UserCustomLoader::load_()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::string dir = exe_dir_();
+    const std::string name = kPluginName;
+    // Still open when an earlier attempt's register call threw: the new
+    // attempt opens the plug-in again, and this reference is dropped so that
+    // unload() closes it for good.
+    void* const earlier = handle_;
+    const bool opened = tryOpen({dir + "/../lib/" + name, dir + "/" + name, dir + "/plugins/" + name, name});
+    if (earlier != nullptr) dlclose(earlier);
+    if (!opened) return;
+
+    AlgEntry* records = nullptr;
+    int count = 0;
+    if (registerFn_(&records, &count) != 0 || records == nullptr || count <= 0) {
+        IPM_LOG(Error, L"register failed");
+        return;
+    }
+    std::vector<AlgEntry> copies(records, records + count);
+    auto calls = std::make_shared<PluginCalls>();
+    for (AlgEntry& copy : copies) {
+        // An empty function stays empty, so that the table refuses it.
+        if (!copy.func) continue;
+        const size_t position = calls->add(std::move(copy.func));
+        copy.func = [calls, position](const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination,
+                                      void* user1, void* user2) {
+            return calls->call(position, source, destination, user1, user2);
+        };
+    }
+    entries_ = std::move(copies);
+    calls_ = std::move(calls);
+    IPM_LOG(Trace, L"registered entries: %d", count);
 }
 
 bool UserCustomLoader::tryOpen(const std::vector<std::string>& candidates)
@@ -162,11 +178,11 @@ bool UserCustomLoader::tryOpen(const std::vector<std::string>& candidates)
         registerFn_ = reinterpret_cast<IpmUserCustomRegisterFn>(dlsym(handle_, "ipm_user_custom_register"));
         unregisterFn_ =
             reinterpret_cast<IpmUserCustomUnregisterFn>(dlsym(handle_, "ipm_user_custom_unregister"));
-        if (registerFn_ != nullptr) {
+        if (registerFn_ != nullptr && interfaceMatches(handle_, candidate)) {
             IPM_LOG(Trace, L"loaded: %hs", candidate.c_str());
             return true;
         }
-        IPM_LOG(Warning, L"symbol missing in %hs", candidate.c_str());
+        if (registerFn_ == nullptr) IPM_LOG(Warning, L"symbol missing in %hs", candidate.c_str());
         dlclose(handle_);
         handle_ = nullptr;
         registerFn_ = nullptr;

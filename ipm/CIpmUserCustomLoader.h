@@ -1,3 +1,6 @@
+// For tools and tests that reach the library's internals: installed, but with no
+// compatibility promise between releases.
+//
 // Finds, loads and unloads the one user plug-in, libCIpmUserCustom.so, and
 // keeps the copies of its records that the function table registers.
 #pragma once
@@ -43,6 +46,9 @@ private:
 
     UserCustomLoader() = default;
     ~UserCustomLoader();
+
+    // The loading that loadOnce() runs once, under mutex_.
+    void load_();
 
     void* handle_ = nullptr;
     IpmUserCustomRegisterFn registerFn_ = nullptr;

@@ -1,3 +1,5 @@
+// For plug-ins (and hosts): part of the plug-in interface of libQRV_IPM.
+//
 // Types shared by every part of the IPM library and by its hosts and plug-ins.
 #pragma once
 

@@ -1,3 +1,5 @@
+// For plug-ins (and hosts): part of the plug-in interface of libQRV_IPM.
+//
 // The user plug-in interface: how a shared object hands its own processing
 // functions to the IPM library.
 //
@@ -49,6 +51,14 @@
 // then closes the plug-in. A table entry of the plug-in called after that
 // returns 7 without running plug-in code.
 //
+// Interface check (optional): a plug-in may export the record
+// ipm_user_custom_info, most simply by writing IPM_USER_CUSTOM_DEFINE_INFO();
+// once in one of its source files. It states the interface version and the
+// size of AlgEntry the plug-in was built with. A plug-in whose record does not
+// match this library's is not used: the library logs why at level 2, never
+// calls its register entry point, closes it and goes on searching. A plug-in
+// without the record is used as before, unchecked.
+//
 // Build requirements: the records cross the boundary as C++ objects, copied
 // and destroyed by the library's code and called through std::function. Build
 // the plug-in against this package's IpmTypes.h, with the same compiler
@@ -56,6 +66,8 @@
 // 32-bit wchar_t, as a position-independent shared object. With CMake:
 // find_package(QRV_IPM CONFIG REQUIRED) and link QRV_IPM::QRV_IPM.
 #pragma once
+
+#include <cstdint>
 
 #include "IpmTypes.h"
 
@@ -68,10 +80,24 @@ static_assert(sizeof(wchar_t) == 4, "IPM plug-ins need a 32-bit wchar_t, as the 
 // visibility.
 #define IPM_USER_CUSTOM_EXPORT __attribute__((visibility("default")))
 
+// The version of the plug-in interface: raised whenever a change of AlgEntry,
+// IpmFn or the entry points makes plug-ins built before it unusable.
+#define IPM_USER_CUSTOM_ABI_VERSION 1u
+
+struct IpmUserCustomInfo {
+    uint32_t abiVersion;    // IPM_USER_CUSTOM_ABI_VERSION when the plug-in was built
+    uint32_t algEntrySize;  // sizeof(AlgEntry) when the plug-in was built
+};
+
 extern "C" {
 IPM_USER_CUSTOM_EXPORT int ipm_user_custom_register(AlgEntry** entries, int* count);
 IPM_USER_CUSTOM_EXPORT void ipm_user_custom_unregister();
+IPM_USER_CUSTOM_EXPORT extern const IpmUserCustomInfo ipm_user_custom_info;
 }
+
+#define IPM_USER_CUSTOM_DEFINE_INFO()                                  \
+    extern "C" IPM_USER_CUSTOM_EXPORT const IpmUserCustomInfo ipm_user_custom_info = { \
+        IPM_USER_CUSTOM_ABI_VERSION, static_cast<uint32_t>(sizeof(AlgEntry))}
 
 using IpmUserCustomRegisterFn = int (*)(AlgEntry** entries, int* count);
 using IpmUserCustomUnregisterFn = void (*)();

@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // The process-wide catalogue of the built-in conversions: one list of
 // processing functions per backend, each record an algorithm index, a wrapper
 // of one conversion and a display name. The catalogue also owns the shared

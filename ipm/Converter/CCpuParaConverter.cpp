@@ -1,7 +1,7 @@
 #include "Converter/CCpuParaConverter.h"
 
 #include "CIpmEnv.h"
-#include "Converter/FirstPixel.h"
+#include "FirstPixel.h"
 #include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
 

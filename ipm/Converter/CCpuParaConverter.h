@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // Data-parallel colour-space conversions on the calling thread, through the
 // NEON kernels of CpuConvertKernel.h: packed YUV 4:2:2 to RGB888 or BGR888
 // (full range, 6-bit fixed point) and RGB888 or BGR888 to Gray8 (the same

@@ -3,8 +3,8 @@
 #include <cstddef>
 
 #include "CIpmEnv.h"
-#include "Converter/FirstPixel.h"
-#include "Converter/PixelArithmetic.h"
+#include "FirstPixel.h"
+#include "PixelArithmetic.h"
 #include "IpmTypes.h"
 
 using qrv_img::En_ImageFormat;

@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // Scalar colour-space conversions: packed YUV 4:2:2 to RGB888 or BGR888
 // (limited-range BT.601 in 8-bit fixed point), and RGB888 or BGR888 to Gray8.
 // The converter holds no state; any number of threads may use one instance on

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "Converter/PixelArithmetic.h"
+#include "PixelArithmetic.h"
 
 #if defined(__aarch64__)
 #include <arm_neon.h>

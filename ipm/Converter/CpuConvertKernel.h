@@ -1,3 +1,5 @@
+// For hosts: part of the host interface of libQRV_IPM.
+//
 // Colour-space kernels of the parallel converters, with C linkage so that a
 // host can call them on raw pixel addresses.
 //

@@ -1,3 +1,5 @@
+// For hosts and plug-ins: the platform interface that libQRV_IPM is built on.
+//
 // Stopwatch of the QRV platform: brackets a piece of work with start() and
 // stop() on a monotonic clock and keeps simple statistics of the intervals.
 #pragma once

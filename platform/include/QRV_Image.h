@@ -1,3 +1,5 @@
+// For hosts and plug-ins: the platform interface that libQRV_IPM is built on.
+//
 // Image record of the QRV image library.
 //
 // Pixels are packed rows: row r starts r * width * bytesPerPixel(format) bytes

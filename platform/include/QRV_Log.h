@@ -1,3 +1,5 @@
+// For hosts and plug-ins: the platform interface that libQRV_IPM is built on.
+//
 // Logger of the QRV platform.
 //
 // Every record carries a level, the source file name, the line, the calling

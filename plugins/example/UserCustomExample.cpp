@@ -86,6 +86,10 @@ AlgEntry entries[] = {
 
 }  // namespace
 
+// Lets the library refuse this plug-in, rather than misread its records, when
+// it was built against another version of the plug-in interface.
+IPM_USER_CUSTOM_DEFINE_INFO();
+
 int ipm_user_custom_register(AlgEntry** out, int* count)
 {
     *out = entries;
