@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cwchar>
+#include <limits>
 #include <unistd.h>
 
 namespace qrvlog {
@@ -328,6 +329,7 @@ QRV_Log* QRV_Log::Instance()
 void QRV_Log::writeLog(LogLevel level, const char* file, int line, const char* function,
                        const wchar_t* format, ...)
 {
+    if (static_cast<int32_t>(level) > received_.load(std::memory_order_relaxed)) return;
     LogRecord record;
     record.level = level;
     record.file = file ? file : "";
@@ -361,12 +363,15 @@ void QRV_Log::setSink(LogSink sink)
     if (sink) next = std::make_shared<const LogSink>(std::move(sink));
     std::lock_guard<std::mutex> lock(mutex_);
     sink_ = std::move(next);
+    received_.store(sink_ ? std::numeric_limits<int32_t>::max() : static_cast<int32_t>(level_),
+                    std::memory_order_relaxed);
 }
 
 void QRV_Log::setLevel(LogLevel level)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     level_ = level;
+    if (!sink_) received_.store(static_cast<int32_t>(level_), std::memory_order_relaxed);
 }
 
 LogLevel QRV_Log::level() const

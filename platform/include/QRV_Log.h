@@ -8,6 +8,7 @@
 // record to stderr for the levels up to the one set with setLevel().
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <functional>
 #include <memory>
@@ -69,6 +70,10 @@ private:
     mutable std::mutex mutex_;
     std::shared_ptr<const LogSink> sink_;
     LogLevel level_ = LogLevel::Warning;
+    // The most verbose level anyone receives: level_ for the default sink,
+    // every level for a sink of the host's. writeLog drops a record above it
+    // before formatting it, so that a trace call costs a comparison.
+    std::atomic<int32_t> received_{static_cast<int32_t>(LogLevel::Warning)};
     std::mutex stderrMutex_;
 };
 
