@@ -47,6 +47,16 @@ const std::vector<AlgEntry>& CConverter::getAlgList(EnProcessBackend backend) co
     return position < kBackends ? algList_[position] : kNone;
 }
 
+bool CConverter::destinationFormat(F conversion, qrv_img::En_ImageFormat& format)
+{
+    switch (conversion) {
+    case F::YUV422_8_To_RGB888: format = qrv_img::En_ImageFormat::RGB888; return true;
+    case F::YUV422_8_To_BGR888: format = qrv_img::En_ImageFormat::BGR888; return true;
+    case F::RGB888_To_Gray8: format = qrv_img::En_ImageFormat::Gray8; return true;
+    }
+    return false;
+}
+
 void CConverter::AddFunctions()
 {
     IPM_LOG(Trace, L"Called");

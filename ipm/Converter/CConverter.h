@@ -35,6 +35,10 @@ public:
     // and for values outside the enumeration. Never changes after construction.
     const std::vector<AlgEntry>& getAlgList(ipmcommon::EnProcessBackend backend) const;
 
+    // The format a conversion writes, so that a host can allocate the
+    // destination of a step; false for a value outside the enumeration.
+    static bool destinationFormat(F conversion, qrv_img::En_ImageFormat& format);
+
     // Fills the lists; the constructor calls it once.
     void AddFunctions();
 

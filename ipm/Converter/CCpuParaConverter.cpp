@@ -1,7 +1,7 @@
 #include "Converter/CCpuParaConverter.h"
 
 #include "CIpmEnv.h"
-#include "FirstPixel.h"
+#include "ConverterImages.h"
 #include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
 
@@ -9,6 +9,7 @@
 #include "IpmLog.h"
 
 using qrv_convert::firstPixel;
+using qrv_convert::isColour;
 using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
 namespace result = ipmcommon::result;
@@ -40,11 +41,6 @@ int checkSourceGeometry(const QRV_Image* source, const QRV_Image* destination)
     if (height <= 0 || width <= 0) return result::BadSize;
     if (width % 4 != 0) return result::BadSize;
     return result::Success;
-}
-
-bool isColour(En_ImageFormat format)
-{
-    return format == En_ImageFormat::RGB888 || format == En_ImageFormat::BGR888;
 }
 
 // What the kernels need beyond the validators: both pixel buffers, and a

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "CIpmEnv.h"
-#include "FirstPixel.h"
+#include "ConverterImages.h"
 #include "PixelArithmetic.h"
 #include "IpmTypes.h"
 
@@ -15,6 +15,7 @@ namespace {
 
 using qrv_convert::clampToByte;
 using qrv_convert::firstPixel;
+using qrv_convert::isColour;
 
 // The layout's byte positions are template arguments, so the compiler sees a
 // fixed pattern for the whole image.
@@ -78,11 +79,6 @@ void grayRows(const uint8_t* in, uint8_t* out, size_t pixels, const GrayTables& 
     for (size_t i = 0; i < pixels; ++i, in += 3) {
         out[i] = static_cast<uint8_t>((tables.first[in[0]] + tables.green[in[1]] + tables.last[in[2]]) >> 8);
     }
-}
-
-bool isColour(En_ImageFormat format)
-{
-    return format == En_ImageFormat::RGB888 || format == En_ImageFormat::BGR888;
 }
 
 // A YUV conversion after the environment call: the checks, then the core.

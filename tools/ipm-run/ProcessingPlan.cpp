@@ -1,5 +1,6 @@
 #include "ProcessingPlan.h"
 
+#include "Converter/CConverter.h"
 #include "QRV_Log.h"
 
 using ipmcommon::EnIpmModule;
@@ -12,11 +13,7 @@ bool ProcessingPlan::builtInDestination(const StepArgument& argument, En_ImageFo
     const bool cpu = argument.backend == EnProcessBackend::CPU_Serial ||
                      argument.backend == EnProcessBackend::CPU_Parallel;
     if (!cpu || argument.module != EnIpmModule::Converter) return false;
-    static const En_ImageFormat kDestinations[] = {En_ImageFormat::RGB888, En_ImageFormat::BGR888,
-                                                   En_ImageFormat::Gray8};
-    if (argument.index < 0 || argument.index > 2) return false;
-    out = kDestinations[argument.index];
-    return true;
+    return CConverter::destinationFormat(static_cast<CConverter::F>(argument.index), out);
 }
 
 bool ProcessingPlan::build(const std::vector<StepArgument>& arguments, uint32_t width, uint32_t height,

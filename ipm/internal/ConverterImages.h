@@ -1,4 +1,5 @@
-// Addressing rule of every converter.
+// What every converter asks of an image: where its first pixel lies, and
+// whether its format is one of the 24-bit colour formats.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +13,11 @@ namespace qrv_convert {
 inline uint8_t* firstPixel(const qrv_img::QRV_Image& image)
 {
     return image.data ? image.data.get() + image.dataOffset : nullptr;
+}
+
+inline bool isColour(qrv_img::En_ImageFormat format)
+{
+    return format == qrv_img::En_ImageFormat::RGB888 || format == qrv_img::En_ImageFormat::BGR888;
 }
 
 }  // namespace qrv_convert
