@@ -3,7 +3,7 @@
 # Debian packages it needs (as root).
 JOBS ?= 2
 
-.PHONY: all deps build demo test bench clean
+.PHONY: all deps build demo test bench format format-check lint clean
 
 all: build
 
@@ -35,6 +35,21 @@ bench: deps
 		| tee $(BENCH_OUT)/converter_bench.txt
 	$(BENCH_OUT)/bench_manager | tee $(BENCH_OUT)/bench_manager.txt
 	@echo "results: $(BENCH_OUT)/converter_bench.txt, $(BENCH_OUT)/converter_bench.json and $(BENCH_OUT)/bench_manager.txt"
+
+# The sources clang-format and clang-tidy look at: every tracked C++ file.
+SOURCES = $(shell git ls-files '*.cpp' '*.h')
+LINT_SOURCES = $(shell git ls-files 'ipm/*.cpp' 'platform/*.cpp' 'plugins/*.cpp' 'tools/*.cpp')
+CLANG_FORMAT = clang-format-14
+
+format: deps
+	@$(CLANG_FORMAT) -i $(SOURCES)
+
+format-check: deps
+	@$(CLANG_FORMAT) --dry-run -Werror $(SOURCES) && echo "format: clean"
+
+lint: deps
+	@cmake --preset native >/dev/null
+	@clang-tidy-14 -p build/native --quiet $(LINT_SOURCES) && echo "lint: clean"
 
 clean:
 	rm -rf build

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and tests every configuration (native, aarch64 under qemu, ASan+UBSan,
-# TSan, the fuzz targets) and closes with one line that sums them: "N passed, M failed".
+# TSan, the fuzz targets), checks the format, and closes with one line that
+# sums them: "N passed, M failed".
 set -uo pipefail
 cd "$(dirname "$0")/../.."
 jobs=${JOBS:-2}
@@ -35,6 +36,15 @@ for preset in $presets; do
   [ $code -ne 0 ] && status=1
   echo "=== $preset: done in $(( $(date +%s) - start )) s"
 done
-rm -f build-*.log 2>/dev/null
+echo "=== format: every tracked C++ file as clang-format-14 writes it"
+if clang-format-14 --dry-run -Werror $(git ls-files '*.cpp' '*.h') 2>format.log; then
+  passed=$((passed + 1))
+else
+  head -40 format.log
+  echo "=== format: FAILED (make format rewrites the files)"
+  failed=$((failed + 1))
+  status=1
+fi
+rm -f build-*.log format.log 2>/dev/null
 echo "$passed passed, $failed failed"
 exit $status
