@@ -17,7 +17,7 @@ std::string toLower(std::string text)
     return text;
 }
 
-std::string scrubName(std::string text)
+std::string scrubName(const std::string& text)
 {
     std::string kept;
     kept.reserve(text.size());

@@ -35,7 +35,7 @@ void yuvRows(const uint8_t* in, uint8_t* out, uint32_t width, uint32_t height)
             for (int half = 0; half < 2; ++half) {
                 const int32_t luma = group[half == 0 ? Y0 : Y1] - 16;
                 const int32_t c = 298 * (luma < 0 ? 0 : luma);
-                uint8_t* target = pixel + 3 * half;
+                uint8_t* target = half == 0 ? pixel : pixel + 3;
                 target[Bgr ? 2 : 0] = clampToByte((c + red) >> 8);
                 target[1] = clampToByte((c + green) >> 8);
                 target[Bgr ? 0 : 2] = clampToByte((c + blue) >> 8);
