@@ -25,7 +25,8 @@
 
 #include "CImageProcessMng.h"
 
-struct CImageProcessMng::TripleBuffer {
+// Hidden: the buffer is the manager's own, not part of what the library exports.
+struct __attribute__((visibility("hidden"))) CImageProcessMng::TripleBuffer {
     static constexpr uint32_t kSlotMask = 0x3;
     static constexpr uint32_t kHasFrame = 0x4;
 
