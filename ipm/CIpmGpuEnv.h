@@ -71,7 +71,9 @@ public:
     // walk leaves it with the records appended until then.
     void Refresh();
 
-    // The steps of Refresh; they take no lock, their caller holds it.
+private:
+    // The steps of Refresh. They take no lock: Refresh holds it, and nothing
+    // else may call them.
     void clearGpuListUnsafe();
     int addOrMergeByKey(const std::string& name, const std::string& vendor, En_GpuType type);
     void enumerateGpusOS();
@@ -80,7 +82,6 @@ public:
     void probeCudaRuntime();
     void probeOpenCLRuntime();
 
-private:
     bool hasValidSelection_() const;
 
     mutable std::mutex mtx_;
