@@ -1,73 +1,36 @@
 #include "PngWriter.h"
 
+#include <cstdint>
+#include <vector>
+
 #include "ImageNames.h"
 
-#ifdef IPM_RUN_HAVE_PNG
-#include <csetjmp>
-#include <cstring>
-#include <png.h>
-#include <vector>
-#endif
+#define STB_IMAGE_WRITE_STATIC
+#define STB_IMAGE_WRITE_IMPLEMENTATION
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+#pragma GCC diagnostic ignored "-Wsign-compare"
+#include "stb_image_write.h"
+#pragma GCC diagnostic pop
 
 using qrv_img::En_ImageFormat;
 
-#ifdef IPM_RUN_HAVE_PNG
 namespace {
 
-struct ErrorState {
-    std::jmp_buf jump;
-    char message[256];
+struct Output {
+    std::FILE* file;
+    bool failed;
 };
 
-void onPngError(png_structp png, png_const_charp message)
+void writeBytes(void* context, void* bytes, int size)
 {
-    auto* state = static_cast<ErrorState*>(png_get_error_ptr(png));
-    std::snprintf(state->message, sizeof state->message, "%s", message);
-    std::longjmp(state->jump, 1);
-}
-
-void onPngWarning(png_structp, png_const_charp) {}
-
-// Nothing with a destructor lives in this frame: libpng leaves it by longjmp.
-bool encode(std::FILE* file, png_bytepp rows, png_uint_32 width, png_uint_32 height, int colourType, bool bgr,
-            ErrorState& state)
-{
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &state, onPngError, onPngWarning);
-    if (!png) {
-        std::snprintf(state.message, sizeof state.message, "out of memory");
-        return false;
+    auto* output = static_cast<Output*>(context);
+    if (std::fwrite(bytes, 1, static_cast<size_t>(size), output->file) != static_cast<size_t>(size)) {
+        output->failed = true;
     }
-    png_infop info = png_create_info_struct(png);
-    if (!info || setjmp(state.jump)) {
-        if (!info) std::snprintf(state.message, sizeof state.message, "out of memory");
-        png_destroy_write_struct(&png, &info);
-        return false;
-    }
-    png_init_io(png, file);
-    // Level 3 encodes several times faster than the default at a few per cent
-    // more bytes; pictures are written while the stream runs.
-    png_set_compression_level(png, 3);
-    png_set_IHDR(png, info, width, height, 8, colourType, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
-    png_write_info(png, info);
-    if (bgr) png_set_bgr(png);
-    png_write_image(png, rows);
-    png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
-    return true;
 }
 
 }  // namespace
-#endif
-
-bool PngWriter::available()
-{
-#ifdef IPM_RUN_HAVE_PNG
-    return true;
-#else
-    return false;
-#endif
-}
 
 bool PngWriter::write(std::FILE* file, const qrv_img::QRV_Image& image, std::string& error)
 {
@@ -81,20 +44,22 @@ bool PngWriter::write(std::FILE* file, const qrv_img::QRV_Image& image, std::str
         error = "the image has no pixels";
         return false;
     }
-#ifdef IPM_RUN_HAVE_PNG
-    std::vector<png_bytep> rows(image.height);
-    for (uint32_t row = 0; row < image.height; ++row) rows[row] = image.pixels() + row * image.rowBytes();
-    ErrorState state{};
-    const int colourType = format == En_ImageFormat::Gray8 ? PNG_COLOR_TYPE_GRAY : PNG_COLOR_TYPE_RGB;
-    if (!encode(file, rows.data(), image.width, image.height, colourType, format == En_ImageFormat::BGR888,
-                state)) {
-        error = std::string("libpng: ") + state.message;
+    const int channels = format == En_ImageFormat::Gray8 ? 1 : 3;
+    const uint8_t* pixels = image.pixels();
+    // PNG has no BGR order: such an image is written from an RGB copy.
+    std::vector<uint8_t> rgb;
+    if (format == En_ImageFormat::BGR888) {
+        rgb.assign(pixels, pixels + image.pixelBytes());
+        for (size_t i = 0; i + 2 < rgb.size(); i += 3) std::swap(rgb[i], rgb[i + 2]);
+        pixels = rgb.data();
+    }
+    Output output{file, false};
+    const int written =
+        stbi_write_png_to_func(writeBytes, &output, static_cast<int>(image.width), static_cast<int>(image.height),
+                               channels, pixels, static_cast<int>(image.rowBytes()));
+    if (written == 0 || output.failed) {
+        error = "the PNG encoder could not write the picture";
         return false;
     }
     return true;
-#else
-    (void)file;
-    error = "this ipm-run was built without libpng";
-    return false;
-#endif
 }

@@ -1,5 +1,6 @@
-// Encodes Gray8, RGB888 and BGR888 images as PNG through libpng. A build
-// without libpng still compiles: available() is then false and write() fails.
+// Encodes Gray8, RGB888 and BGR888 images as PNG, with stb_image_write: a
+// header-only encoder, so that every target, the cross-built one included,
+// writes pictures.
 #pragma once
 
 #include <cstdio>
@@ -9,10 +10,8 @@
 
 class PngWriter {
 public:
-    static bool available();
-
     // Writes the image as an 8-bit grey or RGB PNG (BGR888 is stored as RGB).
     // False with a message for other formats, an image without pixels, or a
-    // libpng failure.
+    // failed write.
     static bool write(std::FILE* file, const qrv_img::QRV_Image& image, std::string& error);
 };

@@ -17,7 +17,6 @@
 #include "LogRouter.h"
 #include "OutputDirectory.h"
 #include "Pacer.h"
-#include "PngWriter.h"
 #include "ProcessingPlan.h"
 #include "ProgressReporter.h"
 #include "RawYuvReader.h"
@@ -245,9 +244,7 @@ int Runner::run(const Options& options)
     RunStatistics stats(plan.steps().size());
     RunSummary summary;
     std::unique_ptr<ImageSaver> saver;
-    if (outDir && !PngWriter::available()) {
-        summary.notes.push_back("this ipm-run was built without libpng, so it writes no pictures");
-    } else if (outDir) {
+    if (outDir) {
         saver = std::make_unique<ImageSaver>(*outDir, convertYuvForPicture, kSaverQueueBytes);
     }
 
