@@ -54,6 +54,8 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
 {
     Options options;
     std::vector<std::string> stepTexts;
+    std::string deliveryFlag;  // "--lossless", "--leaky" or empty
+    bool fpsGiven = false;
     for (size_t i = 0; i < args.size(); ++i) {
         std::string name = args[i];
         std::string value;
@@ -110,6 +112,7 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
             }
         } else if (name == "--fps") {
             if (!takeValue()) return false;
+            fpsGiven = true;
             if (!parseFps(value, options.fps)) {
                 error = "bad frame rate '" + value +
                         "' (a number of frames per second, 0 for as fast as possible)";
@@ -125,6 +128,20 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
         } else if (name == "--step") {
             if (!takeValue()) return false;
             stepTexts.push_back(value);
+        } else if (name == "--lossless" || name == "--leaky") {
+            if (!flagOnly()) return false;
+            if (!deliveryFlag.empty() && deliveryFlag != name) {
+                error = "--lossless and --leaky exclude each other";
+                return false;
+            }
+            deliveryFlag = name;
+        } else if (name == "--raw-out") {
+            if (!takeValue()) return false;
+            if (value.empty()) {
+                error = "option --raw-out needs a file name, or - for standard output";
+                return false;
+            }
+            options.rawOut = value;
         } else if (name == "--out") {
             if (!takeValue()) return false;
             if (value.empty()) {
@@ -171,6 +188,10 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
         options.steps.push_back(std::move(argument));
     }
     if (options.input.empty() && !options.framesGiven) options.frames = kSyntheticDefaultFrames;
+    // A pipe delivers as fast as its writer: pacing it would only stall the writer.
+    if (options.input == "-" && !fpsGiven) options.fps = 0.0;
+    options.lossless = deliveryFlag.empty() ? !options.input.empty() && options.fps == 0.0
+                                            : deliveryFlag == "--lossless";
     out = std::move(options);
     return true;
 }
@@ -190,16 +211,23 @@ with a frame counter):
                       `ffmpeg -pix_fmt yuyv422 -f rawvideo` writes them; read
                       one frame at a time. Needs --size. A file shorter than one
                       frame is an error; a trailing partial frame is skipped
-                      with a warning.
+                      with a warning. "-" reads standard input (a pipe).
   --size WxH          frame size (default 1280x720); the width must be even
   --layout L          byte order of the YUV 4:2:2 groups: YUYV (default), UYVY,
                       YVYU or VYUY (ffmpeg: yuyv422 is YUYV, uyvy422 is UYVY,
                       yvyu422 is YVYU)
-  --fps N             deliver N frames per second, like a camera (default 30);
-                      0 delivers as fast as the source allows
+  --fps N             deliver N frames per second, like a camera (default 30,
+                      and 0 for standard input); 0 delivers as fast as the
+                      source allows
   --frames N          deliver at most N frames (default: the whole file, or 150
                       from the synthetic camera); 0 means no limit (the
                       synthetic camera then runs until Ctrl-C)
+  --lossless          process every frame: the producer waits for each pass
+                      before it delivers the next frame. The default for
+                      --input at --fps 0 (converting a file or a pipe)
+  --leaky             newest wins, as with a camera: a frame that arrives while
+                      a pass runs replaces the one waiting, and the producer
+                      never waits. The default otherwise
 
 Processing list (default: "CPU Parallel/Converter/0" then
 "CPU Parallel/Converter/2", that is YUV422 -> RGB888 -> Gray8):
@@ -216,6 +244,12 @@ Processing list (default: "CPU Parallel/Converter/0" then
                       it. Destinations have the frame's size.
 
 Output:
+  --raw-out FILE|-    write the last step's destination of every processed
+                      frame, back to back with no header, to FILE or to
+                      standard output ("-"; the summary table then goes to
+                      stderr): raw video that `ffmpeg -f rawvideo -pix_fmt
+                      rgb24|bgr24|gray -s WxH -i -` reads for RGB888, BGR888
+                      and Gray8 destinations
   --out DIR           write each step's destination of the last processed
                       frame as PNG (YUV422 destinations through the serial
                       converter) and summary.json into DIR, created if missing;

@@ -24,7 +24,7 @@ public:
     static std::vector<std::string> defaultSteps();
 
     Mode mode = Mode::Run;
-    std::string input;  // empty: the synthetic camera
+    std::string input;  // empty: the synthetic camera; "-": standard input
     uint32_t width = 1280;
     uint32_t height = 720;
     bool sizeGiven = false;
@@ -33,6 +33,11 @@ public:
     uint64_t frames = 0;  // 0: the source's own end
     bool framesGiven = false;
     std::vector<StepArgument> steps;
+    // Every frame processed, the producer waiting for each pass (a file or a
+    // pipe converted), or newest wins (a camera). Lossless by default for
+    // file and stdin input at --fps 0.
+    bool lossless = false;
+    std::string rawOut;      // empty: none; "-": standard output
     std::string outDir;      // empty: no files
     uint64_t saveEvery = 0;  // 0: the last frame only
     int logLevel = 0;        // 0: the library's log stays silent

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
+#include <unistd.h>
 
 uint64_t RawYuvReader::frameBytes(uint32_t width, uint32_t height)
 {
@@ -17,6 +18,15 @@ std::unique_ptr<RawYuvReader> RawYuvReader::open(const std::string& path, uint32
     reader->path_ = path;
     reader->layout_ = layout;
     reader->frameBytes_ = frameBytes(width, height);
+    if (path == "-") {
+        reader->file_.reset(::fdopen(::dup(STDIN_FILENO), "rb"));
+        reader->frameCount_ = UINT64_MAX;
+        if (!reader->file_) {
+            error = std::string("cannot read standard input: ") + std::strerror(errno);
+            return nullptr;
+        }
+        return reader;
+    }
     reader->file_.reset(std::fopen(path.c_str(), "rb"));
     if (!reader->file_) {
         error = "cannot open input file '" + path + "': " + std::strerror(errno);
@@ -50,6 +60,13 @@ bool RawYuvReader::nextFrame(qrv_img::QRV_Image& frame)
     if (framesRead_ >= frameCount_) return false;
     const size_t want = static_cast<size_t>(frameBytes_);
     const size_t got = std::fread(frame.pixels(), 1, want, file_.get());
+    if (path_ == "-" && !std::ferror(file_.get()) && got < want) {
+        if (got != 0) {
+            std::fprintf(stderr, "ipm-run: warning: standard input ended %zu bytes into frame %llu, which is skipped\n",
+                         got, static_cast<unsigned long long>(framesRead_));
+        }
+        return false;
+    }
     if (got != want) {
         error_ = "reading input file '" + path_ + "' failed at frame " + std::to_string(framesRead_) + ": " +
                  (std::ferror(file_.get()) ? std::strerror(errno) : "the file became shorter");
@@ -62,7 +79,7 @@ bool RawYuvReader::nextFrame(qrv_img::QRV_Image& frame)
 
 std::string RawYuvReader::description() const
 {
-    return path_;
+    return path_ == "-" ? "standard input" : path_;
 }
 
 std::string RawYuvReader::error() const

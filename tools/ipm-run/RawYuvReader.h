@@ -1,6 +1,7 @@
-// Frames from a raw packed YUV 4:2:2 file: frames back to back with no header
-// and no padding, as `ffmpeg -pix_fmt yuyv422 -f rawvideo` writes them. The
-// file is read one frame at a time, never as a whole.
+// Frames from a raw packed YUV 4:2:2 file or from standard input: frames back
+// to back with no header and no padding, as `ffmpeg -pix_fmt yuyv422 -f
+// rawvideo` writes them. The input is read one frame at a time, never as a
+// whole.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +16,9 @@ public:
     // Opens path for frames of width x height. Fails, with a one-line message,
     // when the file cannot be opened or holds less than one whole frame. A
     // file whose size is not a whole number of frames opens, and warning then
-    // says how many trailing bytes will be skipped.
+    // says how many trailing bytes will be skipped. The path "-" is standard
+    // input, whose length shows only at its end: a partial frame there is
+    // skipped with a warning on stderr.
     static std::unique_ptr<RawYuvReader> open(const std::string& path, uint32_t width, uint32_t height,
                                               qrv_img::En_YuvLayout layout, std::string& error,
                                               std::string& warning);
@@ -24,8 +27,6 @@ public:
     std::string description() const override;
     std::string error() const override;
 
-    // Whole frames in the file, as its size said when it was opened.
-    uint64_t frameCount() const { return frameCount_; }
     static uint64_t frameBytes(uint32_t width, uint32_t height);
 
 private:

@@ -4,7 +4,9 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <thread>
@@ -109,9 +111,24 @@ int convertYuvForPicture(const QRV_Image& yuv, QRV_Image& rgb)
                                               nullptr);
 }
 
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using RawOutput = std::unique_ptr<std::FILE, FileCloser>;
+
+// The stream --raw-out names: a file, or standard output for "-".
+RawOutput openRawOutput(const std::string& path, std::string& error)
+{
+    RawOutput output(path == "-" ? ::fdopen(::dup(STDOUT_FILENO), "wb") : std::fopen(path.c_str(), "wb"));
+    if (!output) error = "cannot write raw output '" + path + "': " + std::strerror(errno);
+    return output;
+}
+
 // Delivers the source's frames to the manager from a thread of its own, as a
 // capture thread would, until the source ends, the count is reached or the
-// run is interrupted. Returns the source's read error, if any.
+// run is interrupted. A lossless run hands over a frame only once the
+// previous frame's pass has ended, so that none is replaced. Returns the
+// source's read error, if any.
 std::string deliverFrames(const Options& options, FrameSource& source, RunStatistics& stats,
                           CImageProcessMng& manager)
 {
@@ -127,6 +144,7 @@ std::string deliverFrames(const Options& options, FrameSource& source, RunStatis
                 break;
             }
             pacer.waitForNextFrame();
+            if (options.lossless && tag > 0) stats.waitForPass(tag - 1, kLastPassTimeout);
             frame.frameTag = tag;
             stats.frameDelivered(tag, Clock::now());
             manager.onNewFrame(frame);
@@ -233,13 +251,18 @@ int Runner::run(const Options& options)
     ProcessingPlan plan;
     std::unique_ptr<OutputDirectory> outDir;
     if (source && !options.outDir.empty()) outDir = std::make_unique<OutputDirectory>();
+    RawOutput rawOutput;
     if (!source ||
         !ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction,
                                plan, error) ||
-        (outDir && !OutputDirectory::prepare(options.outDir, *outDir, error))) {
+        (outDir && !OutputDirectory::prepare(options.outDir, *outDir, error)) ||
+        (!options.rawOut.empty() && !(rawOutput = openRawOutput(options.rawOut, error)))) {
         usageError(error);
         return kUsageError;
     }
+    // A reader at the other end of a pipe that goes away is a write error,
+    // not the end of ipm-run.
+    if (rawOutput) std::signal(SIGPIPE, SIG_IGN);
 
     RunStatistics stats(plan.steps().size());
     RunSummary summary;
@@ -255,7 +278,14 @@ int Runner::run(const Options& options)
                             plan.steps()[i].destination.get(), nullptr, nullptr);
     }
     const uint64_t saveEvery = options.saveEvery;
+    const int outputStep = static_cast<int>(plan.steps().size()) - 1;
+    int rawWriteError = 0;  // the worker's errno of a failed write; read once the manager has stopped
     manager.registerDisplayerCallback([&](int tag, int position, const QRV_Image& destination) {
+        if (rawOutput && position == outputStep && rawWriteError == 0 &&
+            std::fwrite(destination.pixels(), 1, destination.pixelBytes(), rawOutput.get()) !=
+                destination.pixelBytes()) {
+            rawWriteError = errno != 0 ? errno : EIO;
+        }
         stats.stepSucceeded(tag, position, Clock::now());
         // Only a copy is made here, on the worker; the saver's thread encodes.
         if (saver && saveEvery != 0 && static_cast<uint64_t>(tag) % saveEvery == 0) {
@@ -300,11 +330,19 @@ int Runner::run(const Options& options)
         status = kRunError;
     }
     if (saver && !saveLastPictures(plan, stats, *saver, summary)) status = kRunError;
+    if (rawOutput && rawWriteError == 0 && std::fflush(rawOutput.get()) != 0) rawWriteError = errno;
+    if (rawWriteError != 0) {
+        summary.notes.push_back("writing the raw output '" + options.rawOut + "' failed: " +
+                                std::strerror(rawWriteError));
+        status = kRunError;
+    }
     if (outDir) {
         summary.outDir = outDir->path();
         if (!writeSummary(*outDir, summary)) status = kRunError;
     }
-    std::fputs(summary.table().c_str(), stdout);
-    std::fflush(stdout);
+    // Standard output may carry the raw video; the table then goes to stderr.
+    std::FILE* tableStream = options.rawOut == "-" ? stderr : stdout;
+    std::fputs(summary.table().c_str(), tableStream);
+    std::fflush(tableStream);
     return status;
 }
