@@ -50,6 +50,7 @@ per() {
 }
 
 report="$work/bench-arm.txt"
+declare -A target_rows # instructions per pixel at 1920x1080 under cortex-a72, for the Arm targets
 {
   echo "qemu: $(qemu-aarch64 --version | head -n 1)"
   echo "compiler: $(aarch64-linux-gnu-g++ --version | head -n 1)"
@@ -73,6 +74,7 @@ report="$work/bench-arm.txt"
         read -r i l s <<<"$(per $cpu $case "$w" "$h" 3 $((w * h)))"
         [ -n "$s" ] || exit 1
         printf "%-32s %14s %9s %10s\n" "$case" "$i" "$l" "$s"
+        [ "$cpu $size" = "cortex-a72 1920x1080" ] && target_rows[$case]=$i
       done
     done
     # One call through the table beyond the kernel: at 64x64, per call.
@@ -86,5 +88,13 @@ report="$work/bench-arm.txt"
         "$(awk -v t="$table" -v k="$kernel" 'BEGIN {printf "%.0f", t - k}')"
     done
   done
+
+  echo
+  echo "Arm targets (1920x1080, cortex-a72, instructions per pixel against libyuv's):"
+  awk -v a="${target_rows[kernel_yuyv_to_rgb]}" -v b="${target_rows[libyuv_yuyv_to_rgb]}" -v c="${target_rows[kernel_rgb_to_gray]}" \
+    -v d="${target_rows[libyuv_rgb_to_gray]}" 'BEGIN {
+      printf "YUYV to RGB888: %.3f times YUY2ToARGB + ARGBToRAW (target at most 0.65): %s\n", a / b, a / b <= 0.65 ? "met" : "not met"
+      printf "RGB888 to Gray8: %.3f times RAWToJ400 (target at most 0.85): %s\n", c / d, c / d <= 0.85 ? "met" : "not met"
+    }'
 } | tee "$report"
 echo "results: $report"

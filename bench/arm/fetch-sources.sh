@@ -31,7 +31,7 @@ fi
 # qemu's source package is large; only its plug-in header is kept.
 if [ ! -f qemu-plugin.h ]; then
   rm -rf qemu-src && mkdir qemu-src
-  (cd qemu-src && apt-get source --download-only -q qemu >/dev/null)
+  (cd qemu-src && apt-get source -o APT::Sandbox::User=root --download-only -q qemu >/dev/null)
   tarball="$(ls qemu-src/qemu_*.orig.tar.* | head -n 1)"
   tar -xf "$tarball" -O --wildcards '*/include/qemu/qemu-plugin.h' >qemu-plugin.h.part
   mv qemu-plugin.h.part qemu-plugin.h
@@ -40,7 +40,7 @@ if [ ! -f qemu-plugin.h ]; then
 fi
 if [ ! -d libyuv ]; then
   rm -rf libyuv-src && mkdir libyuv-src
-  (cd libyuv-src && apt-get source -q libyuv >/dev/null)
+  (cd libyuv-src && apt-get source -o APT::Sandbox::User=root -q libyuv >/dev/null)
   mv "$(find libyuv-src -mindepth 1 -maxdepth 1 -type d | head -n 1)" libyuv
   ls libyuv-src/*.dsc | sed 's|.*/||' >libyuv-version.txt
   rm -rf libyuv-src
