@@ -1,9 +1,10 @@
 # QRV IPM. `make demo` runs the main job, `make test` builds and tests every
-# configuration, `make bench` runs the benchmarks. Each first installs the
+# configuration, `make bench` runs the benchmarks, `make bench-arm` counts the
+# aarch64 instructions per pixel under qemu. Each first installs the
 # Debian packages it needs (as root).
 JOBS ?= 2
 
-.PHONY: all deps build demo test bench format format-check lint clean
+.PHONY: all deps build demo test bench bench-arm format format-check lint clean
 
 all: build
 
@@ -35,6 +36,11 @@ bench: deps
 		| tee $(BENCH_OUT)/converter_bench.txt
 	$(BENCH_OUT)/bench_manager | tee $(BENCH_OUT)/bench_manager.txt
 	@echo "results: $(BENCH_OUT)/converter_bench.txt, $(BENCH_OUT)/converter_bench.json and $(BENCH_OUT)/bench_manager.txt"
+
+# Counts instructions per pixel on emulated aarch64, beside libyuv's NEON code
+# built from Debian's source package: build/arm/bench-arm.txt.
+bench-arm: deps
+	@JOBS=$(JOBS) bench/arm/bench-arm.sh
 
 # The sources clang-format and clang-tidy look at: every tracked C++ file.
 SOURCES = $(shell git ls-files '*.cpp' '*.h')
