@@ -22,8 +22,8 @@ inline uint8_t clampToByte(int32_t value)
 
 }  // namespace kernel_model
 
-inline void yuv422_to_rgb888_c_layout(const uint8_t* source, uint8_t* destination, int width, int height, bool swap,
-                                      int layout)
+inline void yuv422_to_rgb888_c_layout(const uint8_t* source, uint8_t* destination, int width, int height,
+                                      bool swap, int layout)
 {
     using namespace kernel_model;
     const bool known = layout >= 0 && layout < 4;

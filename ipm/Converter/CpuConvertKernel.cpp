@@ -26,6 +26,10 @@ struct RowBody {
 };
 
 constexpr int kLargestBlock = 32;
+static_assert(qrv_kernel::neon::kYuvBlock <= kLargestBlock && qrv_kernel::neon::kGrayBlock <= kLargestBlock);
+#if defined(__x86_64__)
+static_assert(qrv_kernel::avx2::kYuvBlock <= kLargestBlock && qrv_kernel::avx2::kGrayBlock <= kLargestBlock);
+#endif
 
 #if defined(__x86_64__)
 bool avx2Disabled()
@@ -98,8 +102,9 @@ void yuv422_to_rgb888_neon_layout(const uint8_t* source, uint8_t* destination, i
     // end before the row's start.
     if (width <= 0 || height <= 0) return;
     const RowBody& body = rowBody();
-    convertRows(source, destination, width, height, 2, 3, body.yuvBlock,
-                [&](const uint8_t* in, uint8_t* out, int pixels) { body.yuv(in, out, pixels, swap, layout); });
+    convertRows(
+        source, destination, width, height, 2, 3, body.yuvBlock,
+        [&](const uint8_t* in, uint8_t* out, int pixels) { body.yuv(in, out, pixels, swap, layout); });
 }
 
 void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool swap)

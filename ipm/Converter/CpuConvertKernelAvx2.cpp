@@ -246,14 +246,15 @@ namespace qrv_kernel::avx2 {
 
 void yuv422ToRgb888Row(const uint8_t* source, uint8_t* destination, int pixels, bool swap, int layout)
 {
-    const YuvConstants k = {loadTable(kYuvGather.layouts[layout >= 0 && layout < kLayouts ? layout : kLayouts]),
-                            bytePairs(0, 90),
-                            bytePairs(-22, -46),
-                            bytePairs(113, 0),
-                            _mm256_set1_epi16(90 * 128 / 64),
-                            _mm256_set1_epi16(-68 * 128 / 64),
-                            _mm256_set1_epi16(113 * 128 / 64),
-                            _mm256_set1_epi16(0x00FF)};
+    const YuvConstants k = {
+        loadTable(kYuvGather.layouts[layout >= 0 && layout < kLayouts ? layout : kLayouts]),
+        bytePairs(0, 90),
+        bytePairs(-22, -46),
+        bytePairs(113, 0),
+        _mm256_set1_epi16(90 * 128 / 64),
+        _mm256_set1_epi16(-68 * 128 / 64),
+        _mm256_set1_epi16(113 * 128 / 64),
+        _mm256_set1_epi16(0x00FF)};
     if (swap) {
         yuvBlocks<true>(source, destination, pixels, k);
     } else {

@@ -11,8 +11,10 @@
 //
 // On x86-64 this file is built with -mssse3 and nothing newer: the table
 // lookups need SSSE3's byte shuffle (without it SIMDe falls back to byte
-// loops), and every x86-64 processor since 2006 (Intel Core 2, AMD Bobcat and
-// Bulldozer) has it, while AVX2 is missing on many still in use.
+// loops); Intel processors have it since Core 2 (2006), AMD ones since Bobcat
+// and Bulldozer (2011), while many still in use lack AVX2. The file uses no
+// C++ library code, whose inline functions could carry these instructions
+// into the other files.
 #include <cstddef>
 
 #include "CpuConvertRows.h"
@@ -226,12 +228,6 @@ inline void yuvBlock16(const uint8_t* source, uint8_t* destination, uint8x16_t g
     vst3q_u8(destination, pixels);
 }
 
-// Sixteen pixels of three bytes each to sixteen gray bytes.
-inline void grayBlock16(const uint8_t* source, uint8_t* destination, const GrayWeights& weights)
-{
-    vst1q_u8(destination, weighGray16(loadPlanes16(source), weights));
-}
-
 template <bool Swap>
 void yuvBlocks(const uint8_t* source, uint8_t* destination, int pixels, uint8x16_t gather)
 {
@@ -248,7 +244,8 @@ namespace qrv_kernel::neon {
 
 void yuv422ToRgb888Row(const uint8_t* source, uint8_t* destination, int pixels, bool swap, int layout)
 {
-    const uint8x16_t gather = vld1q_u8(kYuvGather.bytes[layout >= 0 && layout < kLayouts ? layout : kLayouts]);
+    const uint8x16_t gather =
+        vld1q_u8(kYuvGather.bytes[layout >= 0 && layout < kLayouts ? layout : kLayouts]);
     if (swap) {
         yuvBlocks<true>(source, destination, pixels, gather);
     } else {
@@ -261,7 +258,7 @@ void rgb888ToGray8Row(const uint8_t* source, uint8_t* destination, int pixels, b
     const GrayWeights weights = grayWeights(bgr ? 29 : 77, bgr ? 77 : 29);
     for (const uint8_t* end = source + 3 * static_cast<size_t>(pixels); source != end;
          source += 48, destination += 16) {
-        grayBlock16(source, destination, weights);
+        vst1q_u8(destination, weighGray16(loadPlanes16(source), weights));
     }
 }
 
