@@ -130,14 +130,15 @@ inline __m256i loadLanes(const uint8_t* low, const uint8_t* high)
 }
 
 // Signed byte pairs for vpmaddubsw: `first` applies to a pair's first byte.
-constexpr int bytePairWord(int first, int second)
+constexpr short bytePairWord(int first, int second)
 {
-    return (second << 8) | (first & 0xFF);
+    return static_cast<short>(
+        static_cast<uint16_t>(static_cast<uint8_t>(second) << 8 | static_cast<uint8_t>(first)));
 }
 
 inline __m256i bytePairs(int first, int second)
 {
-    return _mm256_set1_epi16(static_cast<short>(bytePairWord(first, second)));
+    return _mm256_set1_epi16(bytePairWord(first, second));
 }
 
 struct YuvConstants {
@@ -265,8 +266,8 @@ void yuv422ToRgb888Row(const uint8_t* source, uint8_t* destination, int pixels, 
 void rgb888ToGray8Row(const uint8_t* source, uint8_t* destination, int pixels, bool bgr)
 {
     const __m256i pairs = loadTable(kGrayPairs.orders[bgr ? 1 : 0]);
-    const __m128i lane = _mm_unpacklo_epi64(_mm_set1_epi16(static_cast<short>(bytePairWord(77, 51))),
-                                            _mm_set1_epi16(static_cast<short>(bytePairWord(29, 99))));
+    const __m128i lane =
+        _mm_unpacklo_epi64(_mm_set1_epi16(bytePairWord(77, 51)), _mm_set1_epi16(bytePairWord(29, 99)));
     const __m256i weights = _mm256_broadcastsi128_si256(lane);
     for (const uint8_t* end = source + 3 * static_cast<size_t>(pixels); source != end;
          source += 96, destination += 32) {
