@@ -33,5 +33,4 @@ void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int wid
 
 // RGB888 (or BGR888 with bgr set) to Gray8: (77R + 150G + 29B + 128) >> 8.
 void rgb888_to_gray8_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr);
-
 }

@@ -100,9 +100,9 @@ constexpr GrayPairs grayPairs()
 {
     GrayPairs pairs{};
     for (int bgr = 0; bgr < 2; ++bgr) {
-        for (int lane = 0; lane < 2; ++lane) {
-            for (int pixel = 0; pixel < 4; ++pixel) {
-                const int base = 4 * lane + 3 * pixel;
+        for (size_t lane = 0; lane < 2; ++lane) {
+            for (size_t pixel = 0; pixel < 4; ++pixel) {
+                const size_t base = 4 * lane + 3 * pixel;
                 uint8_t* bytes = pairs.orders[bgr].bytes + 16 * lane;
                 bytes[2 * pixel] = static_cast<uint8_t>(base + (bgr != 0 ? 2 : 0));
                 bytes[2 * pixel + 1] = static_cast<uint8_t>(base + 1);

@@ -184,7 +184,7 @@ constexpr GatherTables yuvGatherTables()
 {
     GatherTables tables{};
     for (int layout = 0; layout <= kLayouts; ++layout) {
-        for (int group = 0; group < 4; ++group) {
+        for (size_t group = 0; group < 4; ++group) {
             uint8_t* table = tables.bytes[layout];
             if (layout == kLayouts) {
                 table[2 * group] = table[2 * group + 1] = table[8 + group] = table[12 + group] = kNoByte;
