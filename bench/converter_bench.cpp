@@ -1,10 +1,11 @@
-// Throughput of the conversions, serial and parallel, beside a naive loop of
-// the serial formula, libyuv and OpenCV (when the build found them), at three
-// frame sizes. Each conversion and size also has a memory_limit row: memcpy
-// moving as many bytes as the conversion reads plus writes (it copies half of
-// that number, reading and writing each byte). After the runs a summary gives
-// every row's median CPU time, megapixels per second and time over its memory
-// limit, all from the same run.
+// Throughput of the conversions, serial and parallel, and of each row body of
+// the kernels on its own, beside a naive loop of the serial formula, libyuv and
+// OpenCV (when the build found them), at three frame sizes. Each conversion
+// and size also has a memory_limit row: memcpy moving as many bytes as the
+// conversion reads plus writes (it copies half of that number, reading and
+// writing each byte). After the runs a summary gives every row's median CPU
+// time, megapixels per second and time over its memory limit, all from the
+// same run.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 
 #include "Converter/CCpuParaConverter.h"
 #include "Converter/CCpuSerialConverter.h"
+#include "CpuConvertRows.h"
 #include "QRV_Image.h"
 
 #if defined(QRV_BENCH_LIBYUV)
@@ -143,6 +145,32 @@ void naiveRgbToGray(const uint8_t* in, uint8_t* out, uint32_t width, uint32_t he
     }
 }
 
+// The kernels' row bodies, called directly so that each is measured whichever
+// one the library would choose; every frame width here is a multiple of their
+// blocks.
+struct RowBody {
+    const char* name;
+    void (*yuv)(const uint8_t*, uint8_t*, int, bool, int);
+    void (*gray)(const uint8_t*, uint8_t*, int, bool);
+};
+
+std::vector<RowBody> rowBodies()
+{
+    std::vector<RowBody> bodies;
+#if defined(__x86_64__)
+    if (__builtin_cpu_supports("avx2")) {
+        bodies.push_back(
+            {"kernel_avx2", qrv_kernel::avx2::yuv422ToRgb888Row, qrv_kernel::avx2::rgb888ToGray8Row});
+    }
+    bodies.push_back(
+        {"kernel_simde", qrv_kernel::neon::yuv422ToRgb888Row, qrv_kernel::neon::rgb888ToGray8Row});
+#else
+    bodies.push_back(
+        {"kernel_neon", qrv_kernel::neon::yuv422ToRgb888Row, qrv_kernel::neon::rgb888ToGray8Row});
+#endif
+    return bodies;
+}
+
 constexpr Traffic kYuvTraffic{2, 3};
 constexpr Traffic kGrayTraffic{3, 1};
 
@@ -169,6 +197,19 @@ void registerAll()
             measure(s, size,
                     [&] { converter.ConvertYUV422_8_To_RGB888(&source, &destination, nullptr, nullptr); });
         });
+        for (const RowBody& body : rowBodies()) {
+            add(std::string("yuyv_to_rgb/") + body.name, [size, body](benchmark::State& s) {
+                const QRV_Image source = makeFilled(size, En_ImageFormat::YUV422_8);
+                QRV_Image destination(size.width, size.height, En_ImageFormat::RGB888, true, 1);
+                measure(s, size, [&] {
+                    for (uint32_t y = 0; y < size.height; ++y) {
+                        body.yuv(source.data.get() + 2 * static_cast<size_t>(size.width) * y,
+                                 destination.data.get() + 3 * static_cast<size_t>(size.width) * y,
+                                 static_cast<int>(size.width), false, 0);
+                    }
+                });
+            });
+        }
         add("yuyv_to_rgb/naive_loop", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::YUV422_8);
             QRV_Image destination(size.width, size.height, En_ImageFormat::RGB888, true, 1);
@@ -185,7 +226,8 @@ void registerAll()
             const int h = static_cast<int>(size.height);
             measure(s, size, [&] {
                 libyuv::YUY2ToARGB(source.data.get(), 2 * w, argb.data(), 4 * w, w, h);
-                libyuv::ARGBToRGB24(argb.data(), 4 * w, destination.data.get(), 3 * w, w, h);
+                // libyuv's RAW is R, G, B in memory, the library's RGB888.
+                libyuv::ARGBToRAW(argb.data(), 4 * w, destination.data.get(), 3 * w, w, h);
             });
         });
 #endif
@@ -216,6 +258,19 @@ void registerAll()
             measure(s, size,
                     [&] { converter.ConvertRGB888_To_Gray8(&source, &destination, nullptr, nullptr); });
         });
+        for (const RowBody& body : rowBodies()) {
+            add(std::string("rgb_to_gray/") + body.name, [size, body](benchmark::State& s) {
+                const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
+                QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
+                measure(s, size, [&] {
+                    for (uint32_t y = 0; y < size.height; ++y) {
+                        body.gray(source.data.get() + 3 * static_cast<size_t>(size.width) * y,
+                                  destination.data.get() + static_cast<size_t>(size.width) * y,
+                                  static_cast<int>(size.width), false);
+                    }
+                });
+            });
+        }
         add("rgb_to_gray/naive_loop", [size](benchmark::State& s) {
             const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
             QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
@@ -231,6 +286,14 @@ void registerAll()
             const int h = static_cast<int>(size.height);
             measure(s, size,
                     [&] { libyuv::RGB24ToJ400(source.data.get(), 3 * w, destination.data.get(), w, w, h); });
+        });
+        add("rgb_to_gray/libyuv_RAWToJ400", [size](benchmark::State& s) {
+            const QRV_Image source = makeFilled(size, En_ImageFormat::RGB888);
+            QRV_Image destination(size.width, size.height, En_ImageFormat::Gray8, true, 1);
+            const int w = static_cast<int>(size.width);
+            const int h = static_cast<int>(size.height);
+            measure(s, size,
+                    [&] { libyuv::RAWToJ400(source.data.get(), 3 * w, destination.data.get(), w, w, h); });
         });
 #endif
 #if defined(QRV_BENCH_OPENCV)

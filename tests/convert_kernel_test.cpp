@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Converter/CpuConvertKernel.h"
+#include "kernel_models.h"
 #include "GuardedBuffer.h"
 
 using qrvtest::GuardedBuffer;

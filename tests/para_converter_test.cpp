@@ -6,6 +6,7 @@
 #include "Converter/CCpuParaConverter.h"
 #include "Converter/CCpuSerialConverter.h"
 #include "Converter/CpuConvertKernel.h"
+#include "kernel_models.h"
 #include "IpmTypes.h"
 #include "LogCapture.h"
 #include "RefusalCases.h"

@@ -1,33 +1,65 @@
-// The kernels are written once, in Arm NEON intrinsics: aarch64 builds take
-// them from <arm_neon.h>, other targets from SIMDe, which maps each intrinsic
-// onto SSE/AVX2. Two NEON idioms that are single instructions on Arm, the
-// three-way de-interleaving load and widening arithmetic on 64-bit halves,
-// become byte loops or long sequences under SIMDe, so the primitives that use
-// them have a second body for SIMDe, made of intrinsics that it maps onto one
-// x86 instruction each; both bodies compute the same bytes. Saturating narrows
-// are as costly there, and the shared code does without them.
+// The kernels' entry points and row loops. The pixel work is done by one of
+// the row bodies of CpuConvertRows.h, chosen once per process: on x86-64 the
+// AVX2 body when the processor has AVX2, otherwise the NEON body (through SIMDe
+// there). Setting QRV_IPM_DISABLE_AVX2 to anything but "0" keeps an x86-64
+// process on the NEON body, so that it can be tested and measured on any
+// machine. This file is built for the baseline of its target.
 #include "Converter/CpuConvertKernel.h"
 
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
-#include "PixelArithmetic.h"
-
-#if defined(__aarch64__)
-#include <arm_neon.h>
-#else
-#define SIMDE_ENABLE_NATIVE_ALIASES
-#include <simde/arm/neon.h>
-#endif
+#include "CIpmCpuEnv.h"
+#include "CpuConvertRows.h"
 
 namespace {
 
-using qrv_convert::clampToByte;
-using qrv_convert::grayFromRgb;
-using qrv_convert::kYuvPositions;
+using YuvRow = void (*)(const uint8_t*, uint8_t*, int, bool, int);
+using GrayRow = void (*)(const uint8_t*, uint8_t*, int, bool);
 
-constexpr int kLayouts = 4;
-constexpr uint8_t kNoByte = 0xFF;  // a table index that reads as 0
+struct RowBody {
+    YuvRow yuv;
+    int yuvBlock;
+    GrayRow gray;
+    int grayBlock;
+};
+
+constexpr int kLargestBlock = 32;
+static_assert(qrv_kernel::neon::kYuvBlock <= kLargestBlock && qrv_kernel::neon::kGrayBlock <= kLargestBlock);
+#if defined(__x86_64__)
+static_assert(qrv_kernel::avx2::kYuvBlock <= kLargestBlock && qrv_kernel::avx2::kGrayBlock <= kLargestBlock);
+#endif
+
+#if defined(__x86_64__)
+bool avx2Disabled()
+{
+    const char* value = std::getenv("QRV_IPM_DISABLE_AVX2");
+    return value != nullptr && value[0] != '\0' && value[0] != '0';
+}
+#endif
+
+RowBody chooseBody()
+{
+#if defined(__x86_64__)
+    // The CPU detection alone (CPUID and XCR0), not the whole environment,
+    // which would also probe the graphics adapters.
+    ipm::CIpmCpuEnv cpu;
+    cpu.Detect();
+    if (cpu.hasAvx2 && !avx2Disabled()) {
+        namespace body = qrv_kernel::avx2;
+        return {body::yuv422ToRgb888Row, body::kYuvBlock, body::rgb888ToGray8Row, body::kGrayBlock};
+    }
+#endif
+    namespace body = qrv_kernel::neon;
+    return {body::yuv422ToRgb888Row, body::kYuvBlock, body::rgb888ToGray8Row, body::kGrayBlock};
+}
+
+const RowBody& rowBody()
+{
+    static const RowBody chosen = chooseBody();
+    return chosen;
+}
 
 // Pixels of a row that the kernels convert: whole groups of eight, then four
 // more when exactly four remain.
@@ -36,232 +68,25 @@ int coveredPixels(int width)
     return width <= 0 ? 0 : width / 8 * 8 + (width % 8 == 4 ? 4 : 0);
 }
 
-// GCC turns a multiplication by a known constant into a chain of shifts and
-// additions that costs more than one multiply instruction; an empty asm
-// statement hides the value.
-template <typename Vector>
-inline Vector opaque(Vector value)
+// Runs `row` over the whole blocks of each row; the covered pixels after them
+// go through scratch blocks, so nothing beyond the row is read or written.
+template <typename Row>
+void convertRows(const uint8_t* source, uint8_t* destination, int width, int height, size_t sourceBytes,
+                 size_t destinationBytes, int block, Row row)
 {
-#if defined(__aarch64__)
-    __asm__("" : "+w"(value));
-#else
-    __asm__("" : "+x"(value));
-#endif
-    return value;
-}
-
-#if defined(__aarch64__)
-
-// D = U - 128 and E = V - 128 from [U0..U7 | V0..V7].
-inline void chromaOffsets(uint8x16_t uv, int16x8_t& d, int16x8_t& e)
-{
-    d = vreinterpretq_s16_u16(vsubl_u8(vget_low_u8(uv), vdup_n_u8(128)));
-    e = vreinterpretq_s16_u16(vsubl_high_u8(uv, vdupq_n_u8(128)));
-}
-
-// Sixteen pixels of three bytes each, as byte 0, byte 1 and byte 2 planes.
-inline uint8x16x3_t loadPlanes16(const uint8_t* pixels)
-{
-    return vld3q_u8(pixels);
-}
-
-// Weights of byte 0, byte 1 and byte 2 of a pixel.
-struct GrayWeights {
-    uint8x16_t first, green, last;
-};
-
-inline GrayWeights grayWeights(uint8_t first, uint8_t last)
-{
-    return {vdupq_n_u8(first), vdupq_n_u8(150), vdupq_n_u8(last)};
-}
-
-// (77R + 150G + 29B + 128) >> 8 per pixel.
-inline uint8x16_t weighGray16(uint8x16x3_t planes, const GrayWeights& w)
-{
-    uint16x8_t low = vmull_u8(vget_low_u8(planes.val[0]), vget_low_u8(w.first));
-    low = vmlal_u8(low, vget_low_u8(planes.val[1]), vget_low_u8(w.green));
-    low = vmlal_u8(low, vget_low_u8(planes.val[2]), vget_low_u8(w.last));
-    uint16x8_t high = vmull_high_u8(planes.val[0], w.first);
-    high = vmlal_high_u8(high, planes.val[1], w.green);
-    high = vmlal_high_u8(high, planes.val[2], w.last);
-    return vcombine_u8(vrshrn_n_u16(low, 8), vrshrn_n_u16(high, 8));
-}
-
-#else
-
-// Widening by interleaving with zero stays in 128-bit registers.
-inline void chromaOffsets(uint8x16_t uv, int16x8_t& d, int16x8_t& e)
-{
-    const uint8x16_t zero = vdupq_n_u8(0);
-    const int16x8_t bias = vdupq_n_s16(128);
-    d = vsubq_s16(vreinterpretq_s16_u8(vzip1q_u8(uv, zero)), bias);
-    e = vsubq_s16(vreinterpretq_s16_u8(vzip2q_u8(uv, zero)), bias);
-}
-
-// Four loads of four whole pixels each (the last one starts four bytes early
-// so that it ends with the block), each sorted into byte-0, byte-1 and byte-2
-// words by one table lookup, then a 4 x 4 transpose of the words.
-inline uint8x16x3_t loadPlanes16(const uint8_t* pixels)
-{
-    static const uint8_t kSortFirst[16] = {0, 3, 6, 9,  1,       4,       7,       10,
-                                           2, 5, 8, 11, kNoByte, kNoByte, kNoByte, kNoByte};
-    static const uint8_t kSortLast[16] = {4, 7, 10, 13, 5,       8,       11,      14,
-                                          6, 9, 12, 15, kNoByte, kNoByte, kNoByte, kNoByte};
-    const uint8x16_t sortFirst = vld1q_u8(kSortFirst);
-    const uint32x4_t q0 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels), sortFirst));
-    const uint32x4_t q1 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels + 12), sortFirst));
-    const uint32x4_t q2 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels + 24), sortFirst));
-    const uint32x4_t q3 = vreinterpretq_u32_u8(vqtbl1q_u8(vld1q_u8(pixels + 32), vld1q_u8(kSortLast)));
-    const uint64x2_t low01 = vreinterpretq_u64_u32(vzip1q_u32(q0, q1));
-    const uint64x2_t low23 = vreinterpretq_u64_u32(vzip1q_u32(q2, q3));
-    const uint64x2_t high01 = vreinterpretq_u64_u32(vzip2q_u32(q0, q1));
-    const uint64x2_t high23 = vreinterpretq_u64_u32(vzip2q_u32(q2, q3));
-    uint8x16x3_t planes;
-    planes.val[0] = vreinterpretq_u8_u64(vzip1q_u64(low01, low23));
-    planes.val[1] = vreinterpretq_u8_u64(vzip2q_u64(low01, low23));
-    planes.val[2] = vreinterpretq_u8_u64(vzip1q_u64(high01, high23));
-    return planes;
-}
-
-struct GrayWeights {
-    uint16x8_t first, green, last;
-};
-
-inline GrayWeights grayWeights(uint8_t first, uint8_t last)
-{
-    return {opaque(vdupq_n_u16(first)), opaque(vdupq_n_u16(150)), opaque(vdupq_n_u16(last))};
-}
-
-// Even and odd pixels are weighed in the low and high byte of 16-bit lanes
-// (masks and shifts instead of widening shuffles); shift-right-insert puts
-// each result byte back in place.
-inline uint8x16_t weighGray16(uint8x16x3_t planes, const GrayWeights& w)
-{
-    const uint16x8_t lowByte = vdupq_n_u16(0x00FF);
-    const uint16x8_t half = vdupq_n_u16(128);
-    const uint16x8_t p0 = vreinterpretq_u16_u8(planes.val[0]);
-    const uint16x8_t p1 = vreinterpretq_u16_u8(planes.val[1]);
-    const uint16x8_t p2 = vreinterpretq_u16_u8(planes.val[2]);
-    uint16x8_t even = vmlaq_u16(half, vandq_u16(p0, lowByte), w.first);
-    even = vmlaq_u16(even, vandq_u16(p1, lowByte), w.green);
-    even = vmlaq_u16(even, vandq_u16(p2, lowByte), w.last);
-    uint16x8_t odd = vmlaq_u16(half, vshrq_n_u16(p0, 8), w.first);
-    odd = vmlaq_u16(odd, vshrq_n_u16(p1, 8), w.green);
-    odd = vmlaq_u16(odd, vshrq_n_u16(p2, 8), w.last);
-    return vreinterpretq_u8_u16(vsriq_n_u16(odd, even, 8));
-}
-
-#endif
-
-struct YuvCoefficients {
-    int16x8_t red, greenU, greenV, blue;
-    int16x8_t spread;  // 257: copies a lane's low byte (0..255) into its high byte
-};
-
-YuvCoefficients yuvCoefficients()
-{
-    return {opaque(vdupq_n_s16(90)), opaque(vdupq_n_s16(-22)), opaque(vdupq_n_s16(-46)),
-            opaque(vdupq_n_s16(113)), opaque(vdupq_n_s16(257))};
-}
-
-// Y + c clamped to 0..255 for the two pixels of each pair (c in lane j applies
-// to bytes 2j and 2j + 1), in bytes: add the positive part and subtract the
-// negative part of c (|c| <= 226), both with saturation.
-inline uint8x16_t addChroma(uint8x16_t luma, int16x8_t chroma, const YuvCoefficients& k)
-{
-    const int16x8_t positive = vmaxq_s16(chroma, vdupq_n_s16(0));
-    const int16x8_t negative = vsubq_s16(positive, chroma);
-    return vqsubq_u8(vqaddq_u8(luma, vreinterpretq_u8_s16(vmulq_s16(positive, k.spread))),
-                     vreinterpretq_u8_s16(vmulq_s16(negative, k.spread)));
-}
-
-// Table that sorts 16 source bytes (eight pixels) into [Y0..Y7 | U0..U3 | V0..V3].
-uint8x16_t yuvGatherTable(int layout)
-{
-    uint8_t table[16];
-    std::memset(table, kNoByte, sizeof table);
-    if (layout >= 0 && layout < kLayouts) {
-        const auto& at = kYuvPositions[layout];
-        for (uint8_t group = 0; group < 4; ++group) {
-            table[2 * group] = static_cast<uint8_t>(4 * group + at.y0);
-            table[2 * group + 1] = static_cast<uint8_t>(4 * group + at.y1);
-            table[8 + group] = static_cast<uint8_t>(4 * group + at.u);
-            table[12 + group] = static_cast<uint8_t>(4 * group + at.v);
-        }
-    }
-    return vld1q_u8(table);
-}
-
-// Sixteen pixels: 32 source bytes in, 48 bytes out. 64Y is a multiple of 64,
-// so (64Y + t) >> 6 = Y + (t >> 6): the chroma terms are computed once per
-// pixel pair and added to Y with byte saturation.
-template <bool Swap>
-inline void yuvBlock16(const uint8_t* source, uint8_t* destination, uint8x16_t gather,
-                       const YuvCoefficients& k)
-{
-    const uint8x16_t first = vqtbl1q_u8(vld1q_u8(source), gather);
-    const uint8x16_t second = vqtbl1q_u8(vld1q_u8(source + 16), gather);
-    const uint8x16_t luma =
-        vreinterpretq_u8_u64(vzip1q_u64(vreinterpretq_u64_u8(first), vreinterpretq_u64_u8(second)));
-    const uint8x16_t uv =
-        vreinterpretq_u8_u32(vzip2q_u32(vreinterpretq_u32_u8(first), vreinterpretq_u32_u8(second)));
-    int16x8_t d;
-    int16x8_t e;
-    chromaOffsets(uv, d, e);
-    const int16x8_t red = vshrq_n_s16(vmulq_s16(e, k.red), 6);
-    const int16x8_t green = vshrq_n_s16(vmlaq_s16(vmulq_s16(d, k.greenU), e, k.greenV), 6);
-    const int16x8_t blue = vshrq_n_s16(vmulq_s16(d, k.blue), 6);
-    uint8x16x3_t pixels;
-    pixels.val[Swap ? 2 : 0] = addChroma(luma, red, k);
-    pixels.val[1] = addChroma(luma, green, k);
-    pixels.val[Swap ? 0 : 2] = addChroma(luma, blue, k);
-    vst3q_u8(destination, pixels);
-}
-
-template <bool Swap>
-void yuvRows(const uint8_t* source, uint8_t* destination, int width, int height, uint8x16_t gather)
-{
-    const size_t sourceRow = 2 * static_cast<size_t>(width);
-    const size_t destinationRow = 3 * static_cast<size_t>(width);
-    const int blocks = width / 16;
-    const int rest = coveredPixels(width) - 16 * blocks;
-    const YuvCoefficients k = yuvCoefficients();
-    for (int row = 0; row < height; ++row, source += sourceRow, destination += destinationRow) {
-        const uint8_t* in = source;
-        uint8_t* out = destination;
-        for (const uint8_t* end = source + 32 * static_cast<size_t>(blocks); in != end; in += 32, out += 48) {
-            yuvBlock16<Swap>(in, out, gather, k);
-        }
+    const int covered = coveredPixels(width);
+    const int whole = covered / block * block;
+    const size_t rest = static_cast<size_t>(covered - whole);
+    const size_t sourceRow = sourceBytes * static_cast<size_t>(width);
+    const size_t destinationRow = destinationBytes * static_cast<size_t>(width);
+    for (int y = 0; y < height; ++y, source += sourceRow, destination += destinationRow) {
+        if (whole > 0) row(source, destination, whole);
         if (rest > 0) {
-            // The last 4, 8 or 12 pixels go through scratch blocks, so nothing
-            // beyond the row is read or written.
-            uint8_t scratchIn[32] = {};
-            uint8_t scratchOut[48];
-            std::memcpy(scratchIn, in, 2 * static_cast<size_t>(rest));
-            yuvBlock16<Swap>(scratchIn, scratchOut, gather, k);
-            std::memcpy(out, scratchOut, 3 * static_cast<size_t>(rest));
-        }
-    }
-}
-
-void grayRows(const uint8_t* source, uint8_t* destination, int width, int height, const GrayWeights& weights)
-{
-    const size_t sourceRow = 3 * static_cast<size_t>(width);
-    const size_t destinationRow = static_cast<size_t>(width);
-    const int blocks = width / 16;
-    const int rest = coveredPixels(width) - 16 * blocks;
-    for (int row = 0; row < height; ++row, source += sourceRow, destination += destinationRow) {
-        const uint8_t* in = source;
-        uint8_t* out = destination;
-        for (const uint8_t* end = source + 48 * static_cast<size_t>(blocks); in != end; in += 48, out += 16) {
-            vst1q_u8(out, weighGray16(loadPlanes16(in), weights));
-        }
-        if (rest > 0) {
-            uint8_t scratchIn[48] = {};
-            uint8_t scratchOut[16];
-            std::memcpy(scratchIn, in, 3 * static_cast<size_t>(rest));
-            vst1q_u8(scratchOut, weighGray16(loadPlanes16(scratchIn), weights));
-            std::memcpy(out, scratchOut, static_cast<size_t>(rest));
+            uint8_t scratchIn[3 * kLargestBlock] = {};
+            uint8_t scratchOut[3 * kLargestBlock];
+            std::memcpy(scratchIn, source + sourceBytes * whole, sourceBytes * rest);
+            row(scratchIn, scratchOut, block);
+            std::memcpy(destination + destinationBytes * whole, scratchOut, destinationBytes * rest);
         }
     }
 }
@@ -276,12 +101,10 @@ void yuv422_to_rgb888_neon_layout(const uint8_t* source, uint8_t* destination, i
     // A width of -16 or less would give a negative block count, and so a row
     // end before the row's start.
     if (width <= 0 || height <= 0) return;
-    const uint8x16_t gather = yuvGatherTable(layout);
-    if (swap) {
-        yuvRows<true>(source, destination, width, height, gather);
-    } else {
-        yuvRows<false>(source, destination, width, height, gather);
-    }
+    const RowBody& body = rowBody();
+    convertRows(
+        source, destination, width, height, 2, 3, body.yuvBlock,
+        [&](const uint8_t* in, uint8_t* out, int pixels) { body.yuv(in, out, pixels, swap, layout); });
 }
 
 void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool swap)
@@ -292,51 +115,8 @@ void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int wid
 void rgb888_to_gray8_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr)
 {
     if (width <= 0 || height <= 0) return;
-    grayRows(source, destination, width, height, grayWeights(bgr ? 29 : 77, bgr ? 77 : 29));
-}
-
-void yuv422_to_rgb888_c_layout(const uint8_t* source, uint8_t* destination, int width, int height, bool swap,
-                               int layout)
-{
-    if (height <= 0) return;
-    const bool known = layout >= 0 && layout < kLayouts;
-    const int covered = coveredPixels(width);
-    for (int row = 0; row < height; ++row) {
-        const uint8_t* in = source + 2 * static_cast<size_t>(width) * row;
-        uint8_t* out = destination + 3 * static_cast<size_t>(width) * row;
-        for (int x = 0; x < covered; ++x) {
-            const uint8_t* group = in + 4 * (x / 2);
-            int32_t y = 0;
-            int32_t d = -128;
-            int32_t e = -128;
-            if (known) {
-                const auto& at = kYuvPositions[layout];
-                y = group[x % 2 == 0 ? at.y0 : at.y1];
-                d = group[at.u] - 128;
-                e = group[at.v] - 128;
-            }
-            const uint8_t red = clampToByte((64 * y + 90 * e) >> 6);
-            const uint8_t green = clampToByte((64 * y - 22 * d - 46 * e) >> 6);
-            const uint8_t blue = clampToByte((64 * y + 113 * d) >> 6);
-            out[3 * x] = swap ? blue : red;
-            out[3 * x + 1] = green;
-            out[3 * x + 2] = swap ? red : blue;
-        }
-    }
-}
-
-void rgb888_to_gray8_c(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr)
-{
-    if (height <= 0) return;
-    const int covered = coveredPixels(width);
-    for (int row = 0; row < height; ++row) {
-        const uint8_t* in = source + 3 * static_cast<size_t>(width) * row;
-        uint8_t* out = destination + static_cast<size_t>(width) * row;
-        for (int x = 0; x < covered; ++x) {
-            const uint8_t* pixel = in + 3 * x;
-            out[x] =
-                bgr ? grayFromRgb(pixel[2], pixel[1], pixel[0]) : grayFromRgb(pixel[0], pixel[1], pixel[2]);
-        }
-    }
+    const RowBody& body = rowBody();
+    convertRows(source, destination, width, height, 3, 1, body.grayBlock,
+                [&](const uint8_t* in, uint8_t* out, int pixels) { body.gray(in, out, pixels, bgr); });
 }
 }

@@ -10,6 +10,11 @@
 // width % 8 pixels of every row are left as they were. Nothing outside the
 // rows is read or written. Nothing happens when the width or the height is 0 or
 // less.
+//
+// On x86-64 the kernels run an AVX2 body when the processor has AVX2, and the
+// NEON code compiled through SIMDe otherwise; both write the same bytes. An
+// environment variable QRV_IPM_DISABLE_AVX2 set to anything but "0" when the
+// process first converts keeps it on the SIMDe body.
 #pragma once
 
 #include <cstdint>
@@ -28,10 +33,4 @@ void yuyv422_to_rgb888_neon(const uint8_t* source, uint8_t* destination, int wid
 
 // RGB888 (or BGR888 with bgr set) to Gray8: (77R + 150G + 29B + 128) >> 8.
 void rgb888_to_gray8_neon(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr);
-
-// Plain C++ models of the kernels above: the same arguments, the same bytes
-// written, one pixel at a time.
-void yuv422_to_rgb888_c_layout(const uint8_t* source, uint8_t* destination, int width, int height, bool swap,
-                               int layout);
-void rgb888_to_gray8_c(const uint8_t* source, uint8_t* destination, int width, int height, bool bgr);
 }

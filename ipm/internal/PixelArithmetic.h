@@ -1,12 +1,13 @@
-// Per-pixel arithmetic shared by the serial converter and the kernels'
-// models.
+// Per-pixel arithmetic and byte positions shared by the serial converter and
+// the kernels.
 #pragma once
 
 #include <cstdint>
 
 namespace qrv_convert {
-// Internal linkage: the kernel file is built for AVX2 on x86-64, and a shared
-// out-of-line copy from it could end up serving the other files too.
+// Internal linkage: the kernels' files are built with their own instruction
+// sets, and a shared out-of-line copy from one of them could end up serving
+// the other files too.
 namespace {
 
 inline uint8_t clampToByte(int32_t value)
