@@ -1,11 +1,25 @@
 #include "ProcessingPlan.h"
 
+#include "CIpmFuncTable.h"
 #include "QRV_Log.h"
 
 using ipmcommon::EnIpmModule;
 using ipmcommon::EnProcessBackend;
 using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
+
+bool ProcessingPlan::lookUpRegistered(EnProcessBackend backend, EnIpmModule module, int index,
+                                      std::wstring& name)
+{
+    for (const auto& [registered, display] :
+         ipmcommon::CIpmFuncTable::Instance()->getAlgorithmList(backend, module)) {
+        if (registered == index) {
+            name = display;
+            return true;
+        }
+    }
+    return false;
+}
 
 bool ProcessingPlan::builtInDestination(const StepArgument& argument, En_ImageFormat& out)
 {
