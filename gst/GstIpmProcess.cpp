@@ -158,10 +158,13 @@ gboolean setCaps(GstIpmProcess* element, GstCaps* caps)
     auto stage = std::make_shared<IpmStage>(GST_ELEMENT(element), element->srcPad, state.counters);
     std::string error;
     if (!stage->start(list, input, error)) {
-        std::lock_guard<std::mutex> lock(state.lock);
-        if (!std::exchange(state.capsRefused, true)) {
-            GST_ELEMENT_ERROR(element, CORE, NEGOTIATION, ("%s", error.c_str()), (nullptr));
+        bool repeated;
+        {
+            std::lock_guard<std::mutex> lock(state.lock);
+            repeated = std::exchange(state.capsRefused, true);
         }
+        // Posted without the lock: a bus handler may read the element's properties.
+        if (!repeated) GST_ELEMENT_ERROR(element, CORE, NEGOTIATION, ("%s", error.c_str()), (nullptr));
         return FALSE;
     }
     if (GstEvent* sticky = gst_pad_get_sticky_event(element->sinkPad, GST_EVENT_SEGMENT, 0)) {
@@ -235,9 +238,10 @@ GstStateChangeReturn changeState(GstElement* object, GstStateChange transition)
     ElementState& state = *element->state;
     switch (transition) {
         case GST_STATE_CHANGE_NULL_TO_READY: {
-            std::lock_guard<std::mutex> lock(state.lock);
+            std::unique_lock<std::mutex> lock(state.lock);
             std::string error;
             if (!StepList::parse(state.stepsText, state.outputStep, state.list, error)) {
+                lock.unlock();
                 GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS, ("%s", error.c_str()), (nullptr));
                 return GST_STATE_CHANGE_FAILURE;
             }

@@ -15,9 +15,12 @@ namespace {
 
 using Frames = std::vector<std::pair<GstClockTime, std::vector<uint8_t>>>;  // timestamp, packed rows
 
+// At namespace scope, so that no earlier use of their memory looks like a race.
+std::mutex lock;
+std::condition_variable opened;
+
 struct Playback {
-    std::mutex lock;
-    std::condition_variable opened;
+    GstElement* element = nullptr;
     bool gate = true;  // false: the output sink holds the worker until the element has seen EOS
     int slowOut = 0;   // milliseconds the output sink takes per frame
     GstClockTime lastInput = 0, seekTo = GST_CLOCK_TIME_NONE;
@@ -32,9 +35,9 @@ GstBusSyncReply recordMessage(GstBus*, GstMessage* message, gpointer data)
 {
     auto& run = *static_cast<Playback*>(data);
     GError* error = nullptr;
-    if (std::string(GST_MESSAGE_SRC_NAME(message)) != "ipm") return GST_BUS_PASS;
+    std::lock_guard<std::mutex> held(lock);
+    if (GST_MESSAGE_SRC(message) != GST_OBJECT(run.element)) return GST_BUS_PASS;
     if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) gst_message_parse_error(message, &error, nullptr);
-    std::lock_guard<std::mutex> lock(run.lock);
     run.qos += GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS;
     if (error) run.errors.push_back(error->message);
     g_clear_error(&error);
@@ -61,8 +64,8 @@ GstFlowReturn keepSample(GstAppSink* sink, gpointer data)
     gst_sample_unref(sample);
     const bool out = std::string(GST_OBJECT_NAME(sink)) == "out";
     if (out) std::this_thread::sleep_for(std::chrono::milliseconds(run.slowOut));
-    std::unique_lock<std::mutex> lock(run.lock);
-    if (out && !run.opened.wait_for(lock, std::chrono::seconds(20), [&] { return run.gate; }))
+    std::unique_lock<std::mutex> held(lock);
+    if (out && !opened.wait_for(held, std::chrono::seconds(20), [&] { return run.gate; }))
         ADD_FAILURE() << "blocked";
     run.frames[GST_OBJECT_NAME(sink)].push_back(std::move(frame));
     return GST_FLOW_OK;
@@ -72,12 +75,12 @@ GstFlowReturn keepSample(GstAppSink* sink, gpointer data)
 GstPadProbeReturn watchInput(GstPad*, GstPadProbeInfo* info, gpointer data)
 {
     auto& run = *static_cast<Playback*>(data);
-    std::lock_guard<std::mutex> lock(run.lock);
+    std::lock_guard<std::mutex> held(lock);
     if (info->type & GST_PAD_PROBE_TYPE_BUFFER)
         run.lastInput = GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info));
     if (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM)
         run.gate |= GST_EVENT_TYPE(info->data) == GST_EVENT_EOS;
-    run.opened.notify_all();
+    opened.notify_all();
     return GST_PAD_PROBE_OK;
 }
 
@@ -101,6 +104,10 @@ void play(Playback& run, const std::string& description, int rounds = 1)
     }
     const auto probed = GstPadProbeType(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
     gst_pad_add_probe(GST_PAD(element->sinkpads->data), probed, watchInput, &run, nullptr);
+    {
+        std::lock_guard<std::mutex> held(lock);  // orders this thread's set-up before the streaming threads'
+        run.element = element;
+    }
     for (int round = 0; round < rounds; ++round) {
         if (GST_CLOCK_TIME_IS_VALID(run.seekTo)) {
             gst_element_set_state(pipeline, GST_STATE_PAUSED);
@@ -117,8 +124,8 @@ void play(Playback& run, const std::string& description, int rounds = 1)
         gst_clear_message(&end);
         gst_element_set_state(pipeline, GST_STATE_NULL);
     }
-    std::lock_guard<std::mutex> lock(run.lock);  // after every write of the threads that have ended
     g_object_get(element, "processed", &run.processed, "dropped", &run.dropped, "leaky", &run.leaky, nullptr);
+    std::lock_guard<std::mutex> held(lock);  // after every write of the threads that have ended
     gst_object_unref(element);
     gst_object_unref(pipeline);
 }
