@@ -40,7 +40,7 @@ struct ElementState {
     bool leakyGiven = false;  // set by the application; otherwise decided per stream
     bool streamStarted = false;
     bool capsRefused = false;  // upstream offers the same caps again after a refusal: one error is enough
-    StepList list;  // resolved when the element goes to READY
+    StepList list;             // resolved when the element goes to READY
     std::shared_ptr<IpmStage> stage;
     IpmStage::Counters counters;
 };
