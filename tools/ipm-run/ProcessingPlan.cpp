@@ -1,5 +1,6 @@
 #include "ProcessingPlan.h"
 
+#include "CIpmFuncTable.h"
 #include "Converter/CConverter.h"
 #include "QRV_Log.h"
 
@@ -7,6 +8,19 @@ using ipmcommon::EnIpmModule;
 using ipmcommon::EnProcessBackend;
 using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
+
+bool ProcessingPlan::lookUpRegistered(EnProcessBackend backend, EnIpmModule module, int index,
+                                      std::wstring& name)
+{
+    for (const auto& [registered, display] :
+         ipmcommon::CIpmFuncTable::Instance()->getAlgorithmList(backend, module)) {
+        if (registered == index) {
+            name = display;
+            return true;
+        }
+    }
+    return false;
+}
 
 bool ProcessingPlan::builtInDestination(const StepArgument& argument, En_ImageFormat& out)
 {

@@ -23,6 +23,9 @@ public:
     // nothing is registered there.
     using Lookup =
         std::function<bool(ipmcommon::EnProcessBackend, ipmcommon::EnIpmModule, int, std::wstring&)>;
+    // The Lookup of the process-wide function table.
+    static bool lookUpRegistered(ipmcommon::EnProcessBackend backend, ipmcommon::EnIpmModule module,
+                                 int index, std::wstring& name);
 
     struct Step {
         StepArgument argument;

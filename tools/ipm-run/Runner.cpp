@@ -74,18 +74,6 @@ void usageError(const std::string& message)
     std::fprintf(stderr, "ipm-run: %s\n", message.c_str());
 }
 
-bool lookupFunction(ipmcommon::EnProcessBackend backend, ipmcommon::EnIpmModule module, int index,
-                    std::wstring& name)
-{
-    for (const auto& [registered, display] : CIpmFuncTable::Instance()->getAlgorithmList(backend, module)) {
-        if (registered == index) {
-            name = display;
-            return true;
-        }
-    }
-    return false;
-}
-
 double rate(uint64_t events, Clock::time_point first, Clock::time_point last)
 {
     const double seconds = std::chrono::duration<double>(last - first).count();
@@ -253,8 +241,8 @@ int Runner::run(const Options& options)
     if (source && !options.outDir.empty()) outDir = std::make_unique<OutputDirectory>();
     RawOutput rawOutput;
     if (!source ||
-        !ProcessingPlan::build(options.steps, options.width, options.height, options.layout, lookupFunction,
-                               plan, error) ||
+        !ProcessingPlan::build(options.steps, options.width, options.height, options.layout,
+                               ProcessingPlan::lookUpRegistered, plan, error) ||
         (outDir && !OutputDirectory::prepare(options.outDir, *outDir, error)) ||
         (!options.rawOut.empty() && !(rawOutput = openRawOutput(options.rawOut, error)))) {
         usageError(error);
