@@ -1,35 +1,41 @@
-// A stand-in for the CUDA driver library (libcuda.so.1), scripted through
-// QRV_STUB_CUDA as "key=value;...":
-//   init=N        result of cuInit (default 0); init=hang never returns
-//   delay-ms=N    cuInit sleeps that long before it answers
-//   driver=N      the driver version (default 12000); driver=fail fails without writing
-//   count=N       the number of devices (default 0)
-//   names=A|B     device names by ordinal; missing ones are empty
-//   get-fails=N   cuDeviceGet fails for that ordinal, although it still writes a handle
-// Built a second time without cuDeviceGetName, to stand for a driver that
-// lacks one of its entry points.
-#include <algorithm>
+// A stand-in for the CUDA driver (libcuda.so.1), scripted through QRV_STUB_CUDA
+// (read on every call) as "key=value;...": init=N (cuInit's result, default 0);
+// driver=N (default 12000); names=A|!B (one device per name, none without the
+// key; "!" makes cuDeviceGet fail); entered-fd=N (cuInit first writes a byte
+// there); sleep-ms=N (cuInit then sleeps, a huge value hangs it).
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <string>
 #include <thread>
-
-#include "StubScript.h"
+#include <vector>
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kNotInitialized = 3;
-constexpr int kInvalidDevice = 101;
-// Handles differ from ordinals, so a caller that records the handle shows.
-constexpr int kHandleBase = 100;
-
 bool initialized = false;
 
-std::string script() { return stub::script("QRV_STUB_CUDA"); }
+bool setting(const char* key, std::string& value)
+{
+    const char* script = std::getenv("QRV_STUB_CUDA");
+    const std::string text = std::string(";") + (script != nullptr ? script : "") + ";";
+    const size_t at = text.find(std::string(";") + key + "=");
+    if (at == std::string::npos) return false;
+    const size_t start = text.find('=', at) + 1;
+    value = text.substr(start, text.find(';', start) - start);
+    return true;
+}
 
-int deviceCount() { return std::stoi(stub::value(script(), "count", "0")); }
+std::vector<std::string> names()
+{
+    std::vector<std::string> names;
+    std::string list;
+    for (size_t start = 0, bar = 0; bar != std::string::npos && setting("names", list); start = bar + 1) {
+        names.push_back(list.substr(start, (bar = list.find('|', start)) - start));
+    }
+    return initialized ? names : std::vector<std::string>();
+}
 
 }  // namespace
 
@@ -37,53 +43,36 @@ extern "C" {
 
 int cuInit(unsigned int)
 {
-    const std::string text = script();
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(stub::value(text, "delay-ms", "0"))));
-    const std::string result = stub::value(text, "init", "0");
-    if (result == "hang") {
-        std::fputs("cuInit: hanging\n", stderr);
-        std::fflush(stderr);
-        for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
-    }
-    initialized = std::stoi(result) == kSuccess;
-    return std::stoi(result);
+    std::string value = "0";
+    if (setting("entered-fd", value) && write(std::stoi(value), "x", 1) != 1) return 999;
+    if (setting("sleep-ms", value)) std::this_thread::sleep_for(std::chrono::milliseconds(std::stoll(value)));
+    initialized = !setting("init", value) || value == "0";
+    return std::stoi(initialized ? "0" : value);
 }
 
 int cuDriverGetVersion(int* version)
 {
-    const std::string driver = stub::value(script(), "driver", "12000");
-    if (driver == "fail") return kNotInitialized;
-    *version = std::stoi(driver);
-    return kSuccess;
+    std::string value = "12000";
+    setting("driver", value);
+    return *version = std::stoi(value), 0;
 }
 
 int cuDeviceGetCount(int* count)
 {
-    if (!initialized) return kNotInitialized;
-    *count = deviceCount();
-    return kSuccess;
+    return *count = static_cast<int>(names().size()), initialized ? 0 : 3;
 }
 
+// Handles differ from ordinals, so that a caller recording the handle shows.
 int cuDeviceGet(int* device, int ordinal)
 {
-    if (!initialized) return kNotInitialized;
-    if (ordinal < 0 || ordinal >= deviceCount()) return kInvalidDevice;
-    *device = kHandleBase + ordinal;
-    return std::to_string(ordinal) == stub::value(script(), "get-fails", "") ? kInvalidDevice : kSuccess;
+    *device = 100 + ordinal;
+    return names().at(static_cast<size_t>(ordinal)).compare(0, 1, "!") == 0 ? 101 : 0;
 }
 
-#ifndef QRV_STUB_WITHOUT_DEVICE_NAME
 int cuDeviceGetName(char* name, int length, int device)
 {
-    const int ordinal = device - kHandleBase;
-    if (!initialized || ordinal < 0 || ordinal >= deviceCount() || length <= 0) return kInvalidDevice;
-    const auto names = stub::split(stub::value(script(), "names", ""), '|');
-    const std::string text = static_cast<size_t>(ordinal) < names.size() ? names[ordinal] : "";
-    // Like the driver: the name is cut to fit the buffer, terminator included.
-    const size_t kept = std::min(text.size(), static_cast<size_t>(length) - 1);
-    std::memcpy(name, text.data(), kept);
-    name[kept] = '\0';
-    return kSuccess;
+    std::snprintf(name, static_cast<size_t>(length), "%s",
+                  names().at(static_cast<size_t>(device - 100)).c_str());
+    return 0;
 }
-#endif
 }
