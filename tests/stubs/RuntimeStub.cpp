@@ -33,11 +33,6 @@ std::string setting(const std::string& key, const char* fallback = "")
     return fallback;
 }
 
-std::vector<std::string> names()
-{
-    return split(setting("names").c_str(), '|');
-}
-
 // Platform p counting from 1, as its version followed by its devices.
 std::vector<std::string> platform(uintptr_t p)
 {
@@ -78,19 +73,21 @@ int cuDriverGetVersion(int* version)
 
 int cuDeviceGetCount(int* count)
 {
-    *count = static_cast<int>(names().size());
+    *count = static_cast<int>(split(setting("names").c_str(), '|').size());
     return 0;
 }
 
 int cuDeviceGet(int* device, int ordinal)
 {
     *device = 100 + ordinal;  // unlike the ordinal, so that recording the handle shows
-    return names().at(static_cast<size_t>(ordinal)).compare(0, 1, "!") == 0 ? 101 : 0;
+    return split(setting("names").c_str(), '|').at(static_cast<size_t>(ordinal)).compare(0, 1, "!") == 0 ? 101
+                                                                                                         : 0;
 }
 
 int cuDeviceGetName(char* name, int length, int device)
 {
-    return answer(names().at(static_cast<size_t>(device - 100)), static_cast<size_t>(length), name);
+    return answer(split(setting("names").c_str(), '|').at(static_cast<size_t>(device - 100)),
+                  static_cast<size_t>(length), name);
 }
 
 int32_t clGetPlatformIDs(uint32_t entries, void** ids, uint32_t* count)
