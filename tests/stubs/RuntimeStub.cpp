@@ -1,7 +1,7 @@
 // The CUDA driver (built as libcuda.so.1) and the OpenCL loader (libOpenCL.so.1), scripted through
 // variables read on every call. QRV_STUB_CUDA: "key=value;..." with init=N (cuInit's result), driver=N,
 // names=A|!B (one device per name; "!" fails cuDeviceGet), entered-fd=N (cuInit first writes a byte
-// there), sleep-ms=N (then sleeps). QRV_STUB_OPENCL: platforms "version|name@vendor|..." joined by ';'.
+// there), sleep-ms=N (then sleeps). QRV_STUB_OPENCL: one platform, "version|name@vendor|...".
 #include <unistd.h>
 
 #include <chrono>
@@ -33,13 +33,13 @@ std::string setting(const std::string& key, const char* fallback = "")
     return fallback;
 }
 
-// Platform p counting from 1, as its version followed by its devices.
-std::vector<std::string> platform(uintptr_t p)
+// The one platform: its version, then its devices.
+std::vector<std::string> platform()
 {
-    return split(split("QRV_STUB_OPENCL", ';', true).at(p - 1).c_str(), '|');
+    return split("QRV_STUB_OPENCL", '|', true);
 }
 
-// Ids count from 1 after base: platform p, device p * 1000 + d.
+// Ids count from 1 after base: the platform 1, its devices 1000 + d.
 int32_t list(size_t found, uintptr_t base, uint32_t entries, void** ids, uint32_t* count)
 {
     if (count != nullptr) *count = static_cast<uint32_t>(found);
@@ -92,25 +92,23 @@ int cuDeviceGetName(char* name, int length, int device)
 
 int32_t clGetPlatformIDs(uint32_t entries, void** ids, uint32_t* count)
 {
-    return list(split("QRV_STUB_OPENCL", ';', true).size(), 0, entries, ids, count);
+    return list(platform().empty() ? 0 : 1, 0, entries, ids, count);
 }
 
-int32_t clGetPlatformInfo(void* id, uint32_t, size_t size, void* value, size_t*)
+int32_t clGetPlatformInfo(void*, uint32_t, size_t size, void* value, size_t*)
 {
-    return answer(platform(reinterpret_cast<uintptr_t>(id))[0], size, value);
+    return answer(platform().at(0), size, value);
 }
 
-int32_t clGetDeviceIDs(void* id, uint64_t, uint32_t entries, void** ids, uint32_t* count)
+int32_t clGetDeviceIDs(void*, uint64_t, uint32_t entries, void** ids, uint32_t* count)
 {
-    const uintptr_t p = reinterpret_cast<uintptr_t>(id);
-    return list(platform(p).size() - 1, p * 1000, entries, ids, count);
+    return list(platform().size() - 1, 1000, entries, ids, count);
 }
 
 // 0x102B asks for the name, 0x102C for the vendor.
 int32_t clGetDeviceInfo(void* id, uint32_t name, size_t size, void* value, size_t*)
 {
-    const std::string device =
-        platform(reinterpret_cast<uintptr_t>(id) / 1000).at(reinterpret_cast<uintptr_t>(id) % 1000);
+    const std::string device = platform().at(reinterpret_cast<uintptr_t>(id) % 1000);
     const size_t at = device.find('@');
     return answer(name == 0x102B ? device.substr(0, at) : device.substr(at + 1), size, value);
 }
