@@ -1,6 +1,5 @@
-// The three exported kernels against plain scalar models of the same
-// arithmetic, on random images fenced by guard pages, including the bytes
-// that must stay unwritten.
+// The exported kernels against scalar models of the same arithmetic, on random
+// images fenced by guard pages, including the bytes that must stay unwritten.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,15 +15,13 @@ using qrvtest::GuardedBuffer;
 
 namespace {
 
-// Pixels of a row the kernels convert: groups of eight, then four more when
-// exactly four remain.
+// Pixels of a row the kernels convert: groups of 8, then 4 when exactly 4 remain.
 int covered(int width)
 {
     return width <= 0 ? 0 : width / 8 * 8 + (width % 8 == 4 ? 4 : 0);
 }
 
-// kernel 0 is the YUV kernel with `layout`, 1 the YUYV one, 2 the gray one
-// (swap: from BGR).
+// kernel: 0 the YUV one with `layout`, 1 the YUYV one, 2 the gray one (swap: from BGR).
 struct Case {
     int kernel;
     bool swap;
@@ -57,10 +54,9 @@ void model(const Case& c, const uint8_t* in, uint8_t* out, int width, int height
     }
 }
 
-// Runs one case on one size with both images against a guard page, first at
-// their front and then at their back, over two different canaries (so that a
-// covered byte left unwritten shows in one of them); returns the position of
-// the first byte that differs from the model's, or -1.
+// Runs one case on one size with both images against a guard page at their front, then at their back,
+// over two canaries (a covered byte left unwritten shows in one of them); returns the position of the
+// first byte that differs from the model's, or -1.
 long firstDifference(const Case& c, int width, int height, std::mt19937& random)
 {
     // Images without pixels still get a buffer, where a stray write would show.
@@ -107,9 +103,5 @@ TEST(ConvertKernel, MatchesTheModelsInsideGuardPages)
                     << width << " x " << height;
             }
         }
-    }
-    // Row addressing over a whole frame, for one case of each kernel.
-    for (const Case& c : {cases[1], cases[7], cases.back()}) {
-        ASSERT_EQ(firstDifference(c, 1920, 1080, random), -1) << "kernel " << c.kernel;
     }
 }
