@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "Converter/CpuConvertKernel.h"
@@ -21,35 +22,29 @@ int covered(int width)
     return width <= 0 ? 0 : width / 8 * 8 + (width % 8 == 4 ? 4 : 0);
 }
 
-// kernel: 0 the YUV one with `layout`, 1 the YUYV one, 2 the gray one (swap: from BGR).
-struct Case {
-    int kernel;
-    bool swap;
-    int layout;
-};
-
 // Byte positions of Y0, U, Y1 and V in a four-byte group of YUYV, UYVY, YVYU, VYUY.
 constexpr int kGroup[4][4] = {{0, 1, 2, 3}, {1, 0, 3, 2}, {0, 3, 2, 1}, {1, 2, 3, 0}};
 
-// What a case's kernel writes, one pixel at a time.
-void model(const Case& c, const uint8_t* in, uint8_t* out, int width, int height)
+// What a kernel writes, one pixel at a time. kernel: 0 the YUV one with `layout`, 1 the YUYV one, 2 the
+// gray one (swap: from BGR).
+void model(int kernel, bool swap, int layout, const uint8_t* in, uint8_t* out, int width, int height)
 {
-    const bool known = c.layout >= 0 && c.layout < 4;
+    const bool known = layout >= 0 && layout < 4;
     for (int row = 0; row < height; ++row) {
         for (int x = 0; x < covered(width); ++x) {
             const size_t at = static_cast<size_t>(row) * width + x;
-            if (c.kernel == 2) {
+            if (kernel == 2) {
                 const uint8_t* p = in + 3 * at;
                 out[at] = static_cast<uint8_t>(
-                    (77 * p[c.swap ? 2 : 0] + 150 * p[1] + 29 * p[c.swap ? 0 : 2] + 128) >> 8);
+                    (77 * p[swap ? 2 : 0] + 150 * p[1] + 29 * p[swap ? 0 : 2] + 128) >> 8);
                 continue;
             }
             const uint8_t* group = in + 2 * (at - x % 2);
-            const int y = known ? group[kGroup[c.layout][x % 2 * 2]] : 0;
-            const int d = (known ? group[kGroup[c.layout][1]] : 0) - 128;
-            const int e = (known ? group[kGroup[c.layout][3]] : 0) - 128;
+            const int y = known ? group[kGroup[layout][x % 2 * 2]] : 0;
+            const int d = (known ? group[kGroup[layout][1]] : 0) - 128;
+            const int e = (known ? group[kGroup[layout][3]] : 0) - 128;
             const int rgb[3] = {64 * y + 90 * e, 64 * y - 22 * d - 46 * e, 64 * y + 113 * d};
-            for (int i = 0; i < 3; ++i) out[3 * at + (c.swap ? 2 - i : i)] = std::clamp(rgb[i] >> 6, 0, 255);
+            for (int i = 0; i < 3; ++i) out[3 * at + (swap ? 2 - i : i)] = std::clamp(rgb[i] >> 6, 0, 255);
         }
     }
 }
@@ -57,12 +52,12 @@ void model(const Case& c, const uint8_t* in, uint8_t* out, int width, int height
 // Runs one case on one size with both images against a guard page at their front, then at their back,
 // over two canaries (a covered byte left unwritten shows in one of them); returns the position of the
 // first byte that differs from the model's, or -1.
-long firstDifference(const Case& c, int width, int height, std::mt19937& random)
+long firstDifference(int kernel, bool swap, int layout, int width, int height, std::mt19937& random)
 {
     // Images without pixels still get a buffer, where a stray write would show.
     const size_t pixels = width > 0 && height > 0 ? static_cast<size_t>(width) * height : 64;
-    std::vector<uint8_t> source(pixels * (c.kernel == 2 ? 3 : 2));
-    const size_t outSize = pixels * (c.kernel == 2 ? 1 : 3);
+    std::vector<uint8_t> source(pixels * (kernel == 2 ? 3 : 2));
+    const size_t outSize = pixels * (kernel == 2 ? 1 : 3);
     for (auto& byte : source) byte = static_cast<uint8_t>(random());
     for (auto edge : {GuardedBuffer::Edge::Front, GuardedBuffer::Edge::Back}) {
         const uint8_t canary = edge == GuardedBuffer::Edge::Front ? 0xA5 : 0x5A;
@@ -71,11 +66,10 @@ long firstDifference(const Case& c, int width, int height, std::mt19937& random)
         std::copy(source.begin(), source.end(), in.data());
         std::memset(out.data(), canary, outSize);
         std::vector<uint8_t> expected(outSize, canary);
-        if (c.kernel == 0)
-            yuv422_to_rgb888_neon_layout(in.data(), out.data(), width, height, c.swap, c.layout);
-        if (c.kernel == 1) yuyv422_to_rgb888_neon(in.data(), out.data(), width, height, c.swap);
-        if (c.kernel == 2) rgb888_to_gray8_neon(in.data(), out.data(), width, height, c.swap);
-        model(c, source.data(), expected.data(), width, height);
+        if (kernel == 0) yuv422_to_rgb888_neon_layout(in.data(), out.data(), width, height, swap, layout);
+        if (kernel == 1) yuyv422_to_rgb888_neon(in.data(), out.data(), width, height, swap);
+        if (kernel == 2) rgb888_to_gray8_neon(in.data(), out.data(), width, height, swap);
+        model(kernel, swap, layout, source.data(), expected.data(), width, height);
         const auto differ = std::mismatch(expected.begin(), expected.end(), out.data()).first;
         if (differ != expected.end()) return differ - expected.begin();
     }
@@ -86,21 +80,21 @@ long firstDifference(const Case& c, int width, int height, std::mt19937& random)
 
 TEST(ConvertKernel, MatchesTheModelsInsideGuardPages)
 {
-    std::vector<Case> cases;
+    std::vector<std::tuple<int, bool, int>> cases;
     for (bool swap : {false, true}) {
-        for (int layout : {0, 1, 2, 3, 4, -1}) cases.push_back({0, swap, layout});
-        cases.push_back({1, swap, 0});
-        cases.push_back({2, swap, 0});
+        for (int layout : {0, 1, 2, 3, 4, -1}) cases.emplace_back(0, swap, layout);
+        cases.emplace_back(1, swap, 0);
+        cases.emplace_back(2, swap, 0);
     }
     std::vector<int> widths = {INT_MIN, -17, -16, -15, -1, 0, 1920, 3840};
     for (int width = 1; width <= 64; ++width) widths.push_back(width);
     std::mt19937 random(20240601);
-    for (const Case& c : cases) {
+    for (const auto& [kernel, swap, layout] : cases) {
         for (int width : widths) {
             for (int height : {INT_MIN, -1, 0, 1, 2, 3}) {
-                ASSERT_EQ(firstDifference(c, width, height, random), -1)
-                    << "kernel " << c.kernel << ", swap " << c.swap << ", layout " << c.layout << ", "
-                    << width << " x " << height;
+                ASSERT_EQ(firstDifference(kernel, swap, layout, width, height, random), -1)
+                    << "kernel " << kernel << ", swap " << swap << ", layout " << layout << ", " << width
+                    << " x " << height;
             }
         }
     }

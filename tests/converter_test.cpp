@@ -35,8 +35,8 @@ QRV_Image makeImage(uint32_t width, uint32_t height, En_ImageFormat format, std:
 // The pixel bytes; no conversion reads or writes the bytes before them.
 std::vector<uint8_t> pixels(const QRV_Image& image)
 {
-    EXPECT_EQ(std::vector<uint8_t>(image.data.get(), image.data.get() + kOffset),
-              std::vector<uint8_t>(kOffset, kPrefix));
+    EXPECT_TRUE(
+        std::all_of(image.data.get(), image.data.get() + kOffset, [](uint8_t b) { return b == kPrefix; }));
     return {image.data.get() + kOffset, image.data.get() + kOffset + image.dataSize};
 }
 
@@ -115,8 +115,8 @@ TEST(Converters, RefusalsLeaveTheDestinationUntouched)
         {"negative height", 0, {8, kNegative, 8, kNegative}, {}, {-1, -1, -1, 5, 5, 5}},
         {"sub-format 1", 0, {8, 2, 8, 2}, {0, 0, 1}, {1, 1, 1, 6, 6, 1}},
     };
-    // On x86-64 the kernels need AVX2: under an emulated processor without it
-    // every parallel conversion that passes the checks returns 0 instead.
+    // On x86-64 the kernels need AVX2: under an emulated processor without it the parallel conversions
+    // that succeed here return 0 there, and write nothing.
 #if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     if (!qrvtest::inChild()) {
         qrvtest::ProcessOptions options;
@@ -129,7 +129,8 @@ TEST(Converters, RefusalsLeaveTheDestinationUntouched)
     std::mt19937 random(3);
     for (const auto& row : rows) {
         for (int column = 0; column < 6; ++column) {
-            if (row.codes[column] < 0) continue;
+            if (row.codes[column] < 0 || (qrvtest::inChild() && (column < 3 || row.codes[column] != 1)))
+                continue;
             QRV_Image source =
                 makeImage(8, 2, column % 3 == 2 ? En_ImageFormat::BGR888 : En_ImageFormat::YUV422_8, &random);
             QRV_Image destination = makeImage(8, 2, kDestinations[column % 3]);
@@ -142,8 +143,7 @@ TEST(Converters, RefusalsLeaveTheDestinationUntouched)
             const int code = convert(column < 3 ? Backend::CPU_Serial : Backend::CPU_Parallel, column % 3,
                                      row.drop & kNoSource ? nullptr : &source,
                                      row.drop & kNoDestination ? nullptr : &destination);
-            const bool noSimd = column >= 3 && row.codes[column] == 1 && qrvtest::inChild();
-            EXPECT_EQ(code, noSimd ? 0 : row.codes[column]) << row.what << ", column " << column;
+            EXPECT_EQ(code, qrvtest::inChild() ? 0 : row.codes[column]) << row.what << ", column " << column;
             if (code != 1 && destination.data) {
                 EXPECT_EQ(pixels(destination), std::vector<uint8_t>(destination.dataSize, kCanary))
                     << row.what;

@@ -47,21 +47,18 @@ TEST(FunctionTable, RegistrationAndDispatchCodes)
         {902, [](auto...) -> int { throw 17; }, L"throws int"}};
     for (const auto& [index, function, name] : entries)
         EXPECT_EQ(table->registerFunc(B(4), M(3), index, function, name), 1);
-    const struct {
-        int backend, module, index;
-        bool source, destination;
-        int code;
-    } calls[] = {
+    // Backend, module, index, whether the source and the destination are given, and the code.
+    const std::tuple<int, int, int, bool, bool, int> calls[] = {
         {5, 3, 900, false, false, 2},   {-3, 3, 900, true, true, 2}, {4, 4, 900, false, false, 3},
         {4, -1, 900, true, true, 3},    {4, 3, 999, false, true, 8}, {4, 3, 900, true, false, 8},
         {4, 3, 999, true, true, 4},     {4, 2, 900, true, true, 4},  {4, 3, 900, true, true, -12345},
         {4, 3, INT_MIN, true, true, 6}, {4, 3, 901, true, true, 9},  {4, 3, 902, true, true, 9},
     };
-    for (const auto& c : calls) {
-        EXPECT_EQ(table->process(B(c.backend), M(c.module), c.index, c.source ? &image : nullptr,
-                                 c.destination ? &image : nullptr, nullptr, nullptr),
-                  c.code)
-            << c.backend << "/" << c.module << "/" << c.index;
+    for (const auto& [backend, module, index, source, destination, code] : calls) {
+        EXPECT_EQ(table->process(B(backend), M(module), index, source ? &image : nullptr,
+                                 destination ? &image : nullptr, nullptr, nullptr),
+                  code)
+            << backend << "/" << module << "/" << index;
     }
     const List expected = {{INT_MIN, L"negative"}, {900, L"second"}, {901, L"throws"}, {902, L"throws int"}};
     EXPECT_EQ(sortedList(B(4), M(3)), expected);
