@@ -34,7 +34,6 @@ TEST(FunctionTable, RegistrationAndDispatchCodes)
     CIpmFuncTable* table = CIpmFuncTable::Instance();
     QRV_Image image;
     const auto returning = [](int code) { return [code](auto...) { return code; }; };
-    // Refused in this order: an empty function, a bad backend, a bad module.
     EXPECT_EQ(table->registerFunc(B(9), M(9), 900, IpmFn(), L"empty"), 7);
     EXPECT_EQ(table->registerFunc(B(5), M(9), 900, returning(1), L"x"), 2);
     EXPECT_EQ(table->registerFunc(B(-1), M(0), 900, returning(1), L"x"), 2);
@@ -54,16 +53,27 @@ TEST(FunctionTable, RegistrationAndDispatchCodes)
         {4, 3, 999, true, true, 4},     {4, 2, 900, true, true, 4},  {4, 3, 900, true, true, -12345},
         {4, 3, INT_MIN, true, true, 6}, {4, 3, 901, true, true, 9},  {4, 3, 902, true, true, 9},
     };
-    for (const auto& [backend, module, index, source, destination, code] : calls) {
-        EXPECT_EQ(table->process(B(backend), M(module), index, source ? &image : nullptr,
-                                 destination ? &image : nullptr, nullptr, nullptr),
-                  code)
-            << backend << "/" << module << "/" << index;
+    for (const auto& [b, m, index, source, destination, code] : calls) {
+        QRV_Image* images[2] = {source ? &image : nullptr, destination ? &image : nullptr};
+        EXPECT_EQ(table->process(B(b), M(m), index, images[0], images[1], {}, {}), code)
+            << b << "/" << m << "/" << index;
     }
     const List expected = {{INT_MIN, L"negative"}, {900, L"second"}, {901, L"throws"}, {902, L"throws int"}};
     EXPECT_EQ(sortedList(B(4), M(3)), expected);
     EXPECT_EQ(sortedList(B(5), M(3)), List{});
     EXPECT_EQ(sortedList(B(4), M(-1)), List{});
+}
+
+TEST(FunctionTable, ParsersTakeWholeNamesOnly)
+{
+    B backend = B(42);
+    M module = M(42);
+    EXPECT_FALSE(CIpmFuncTable::TryParseBackend(L"GPU OpenCL ", backend) ||
+                 CIpmFuncTable::TryParseBackend(L"gpu opencl", backend) ||
+                 CIpmFuncTable::TryParseModule(L"User", module));
+    EXPECT_TRUE(backend == B(42) && module == M(42)) << "a failed parse leaves the output alone";
+    EXPECT_TRUE(CIpmFuncTable::TryParseBackend(L"GPU OpenCL", backend) && backend == B::GPU_OpenCL);
+    EXPECT_TRUE(CIpmFuncTable::TryParseModule(L"User_Custom", module) && module == M::User_Custom);
 }
 
 // Eight threads make the process's first calls at once, conversions of both CPU backends: the fill
@@ -76,23 +86,21 @@ TEST(FunctionTableFill, RacingFirstCallersFillOnce)
         return;
     }
     qrvtest::LogCapture capture;
-    const QRV_Image source(16, 2, qrv_img::En_ImageFormat::RGB888, true, 1);
+    QRV_Image image;  // empty: the converters' refusals (serial 8, parallel 5) show that calls reach them
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
-            QRV_Image gray(16, 2, qrv_img::En_ImageFormat::Gray8, true, 1);
-            for (++ready; ready < 8;) {
-            }
-            EXPECT_EQ(CIpmFuncTable::Instance()->process(B(t % 2), M::Converter, 2, &source, &gray, nullptr,
-                                                         nullptr),
-                      1);
+            for (++ready; ready < 8;) std::this_thread::yield();
+            const int code =
+                CIpmFuncTable::Instance()->process(B(t % 2), M::Converter, 2, &image, &image, {}, {});
+            EXPECT_EQ(code, t % 2 == 0 ? 8 : 5);
         });
     }
     for (auto& thread : threads) thread.join();
-    const std::vector<std::string> lines = {"called", "called", "called", "called",
-                                            "No User_Custom plugin found."};
-    EXPECT_EQ(capture.texts("CIpmFuncTable"), lines);
+    EXPECT_EQ(
+        capture.texts("CIpmFuncTable"),
+        (std::vector<std::string>{"called", "called", "called", "called", "No User_Custom plugin found."}));
     const wchar_t* names[] = {L"YUV422 -> RGB888 (CPU ", L"YUV422 -> BGR888 (CPU ", L"RGB888 -> Gray8 (CPU "};
     for (int backend = 0; backend < 5; ++backend) {
         List expected;
