@@ -1,245 +1,132 @@
+// Registration and dispatch through the function table, and its one-time fill in a fresh process.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <climits>
 #include <stdexcept>
+#include <thread>
+#include <tuple>
+#include <vector>
 
 #include "CIpmFuncTable.h"
-#include "LogCapture.h"
-#include "Subprocess.h"
+#include "TestSupport.h"
 
 using ipmcommon::CIpmFuncTable;
-using ipmcommon::EnIpmModule;
-using ipmcommon::EnProcessBackend;
-using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
-namespace result = ipmcommon::result;
+using B = ipmcommon::EnProcessBackend;
+using M = ipmcommon::EnIpmModule;
+using List = std::vector<std::pair<int, std::wstring>>;
 
 namespace {
 
-EnProcessBackend backend(int value) { return static_cast<EnProcessBackend>(value); }
-EnIpmModule module(int value) { return static_cast<EnIpmModule>(value); }
-
-IpmFn returning(int code)
+List sortedList(B backend, M module)
 {
-    return [code](const QRV_Image*, QRV_Image*, void*, void*) { return code; };
-}
-
-// Each test files its functions under its own index range, so the suite
-// shares one table without the tests seeing each other's entries.
-class FunctionTable : public ::testing::Test {
-protected:
-    CIpmFuncTable* table = CIpmFuncTable::Instance();
-    QRV_Image src{2, 2, En_ImageFormat::RGB888, true, 1};
-    QRV_Image dst{2, 2, En_ImageFormat::Gray8, true, 1};
-};
-
-}  // namespace
-
-TEST(FunctionTableVocabulary, RangeChecksAcceptExactlyTheEnumerations)
-{
-    for (int v : {0, 1, 2, 3, 4}) EXPECT_TRUE(CIpmFuncTable::isValidBackendIndex_(v)) << v;
-    for (int v : {5, -1, INT32_MIN, INT32_MAX}) EXPECT_FALSE(CIpmFuncTable::isValidBackendIndex_(v)) << v;
-    for (int v : {0, 1, 2, 3}) EXPECT_TRUE(CIpmFuncTable::isValidModuleIndex_(v)) << v;
-    for (int v : {4, -1, INT32_MIN}) EXPECT_FALSE(CIpmFuncTable::isValidModuleIndex_(v)) << v;
-}
-
-TEST(FunctionTableVocabulary, DisplayNamesInValueOrderFromOneObject)
-{
-    const std::vector<std::wstring> backends = {L"CPU Serial", L"CPU Parallel", L"GPU GL Compute",
-                                                L"GPU OpenCL", L"GPU CUDA"};
-    const std::vector<std::wstring> modules = {L"Converter", L"Scaler", L"Splitter", L"User_Custom"};
-    EXPECT_EQ(CIpmFuncTable::getBackendNames(), backends);
-    EXPECT_EQ(CIpmFuncTable::getModuleNames(), modules);
-    EXPECT_EQ(&CIpmFuncTable::getBackendNames(), &CIpmFuncTable::getBackendNames());
-    EXPECT_EQ(&CIpmFuncTable::getModuleNames(), &CIpmFuncTable::getModuleNames());
-}
-
-TEST(FunctionTableVocabulary, ParsersMatchWholeNamesExactly)
-{
-    for (int v = 0; v < 5; ++v) {
-        EnProcessBackend out = backend(99);
-        EXPECT_TRUE(CIpmFuncTable::TryParseBackend(CIpmFuncTable::getBackendNames()[v], out));
-        EXPECT_EQ(out, backend(v));
-    }
-    for (int v = 0; v < 4; ++v) {
-        EnIpmModule out = module(99);
-        EXPECT_TRUE(CIpmFuncTable::TryParseModule(CIpmFuncTable::getModuleNames()[v], out));
-        EXPECT_EQ(out, module(v));
-    }
-    for (const wchar_t* bad : {L"gpu opencl", L"GPU OpenCL ", L" GPU OpenCL", L"GPU", L"", L"3"}) {
-        EnProcessBackend out = backend(42);
-        EXPECT_FALSE(CIpmFuncTable::TryParseBackend(bad, out)) << qrvtest::utf8(bad);
-        EXPECT_EQ(out, backend(42)) << "a failed parse leaves the output alone";
-    }
-    for (const wchar_t* bad : {L"user_custom", L"User", L"", L"Converter\n"}) {
-        EnIpmModule out = module(42);
-        EXPECT_FALSE(CIpmFuncTable::TryParseModule(bad, out));
-        EXPECT_EQ(out, module(42));
-    }
-}
-
-TEST_F(FunctionTable, RegisterChecksFunctionThenBackendThenModule)
-{
-    struct Case {
-        int backend, module;
-        bool withFunction;
-        int expected;
-    } cases[] = {
-        {9, 9, false, result::EmptyFunction}, {0, 0, false, result::EmptyFunction},
-        {5, 9, true, result::BadBackend},     {-1, 0, true, result::BadBackend},
-        {0, 4, true, result::BadModule},      {4, 3, true, result::Success},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(table->registerFunc(backend(c.backend), module(c.module), 1000,
-                                      c.withFunction ? returning(1) : IpmFn(), L"f"),
-                  c.expected)
-            << c.backend << "/" << c.module;
-    }
-    const auto list = table->getAlgorithmList(backend(0), module(0));
-    EXPECT_TRUE(list.end() ==
-                std::find_if(list.begin(), list.end(), [](const auto& entry) { return entry.first == 1000; }))
-        << "a refused registration adds no entry";
-}
-
-TEST_F(FunctionTable, ProcessChecksCoordinatesThenImagesThenEntry)
-{
-    ASSERT_EQ(table->registerFunc(backend(2), module(1), 2000, returning(1), L"ok"), result::Success);
-    struct Case {
-        const char* what;
-        int backend, module, index;
-        bool source, destination;
-        int expected;
-    } cases[] = {
-        {"bad backend beats null images", 5, 1, 2000, false, false, result::BadBackend},
-        {"negative backend", -3, 1, 2000, true, true, result::BadBackend},
-        {"bad module beats null images", 2, 4, 2000, false, false, result::BadModule},
-        {"null source beats missing entry", 2, 1, 2999, false, true, result::MissingImage},
-        {"null destination", 2, 1, 2000, true, false, result::MissingImage},
-        {"no entry at the index", 2, 1, 2001, true, true, result::NoFunction},
-        {"registered", 2, 1, 2000, true, true, result::Success},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(table->process(backend(c.backend), module(c.module), c.index, c.source ? &src : nullptr,
-                                 c.destination ? &dst : nullptr, nullptr, nullptr),
-                  c.expected)
-            << c.what;
-    }
-}
-
-TEST_F(FunctionTable, ProcessPassesArgumentsAndResultThrough)
-{
-    int user1 = 0, user2 = 0;
-    const QRV_Image* seenSource = nullptr;
-    QRV_Image* seenDestination = nullptr;
-    void* seen1 = nullptr;
-    void* seen2 = nullptr;
-    table->registerFunc(backend(1), module(3), -3000,
-                        [&](const QRV_Image* s, QRV_Image* d, void* u1, void* u2) {
-                            seenSource = s, seenDestination = d, seen1 = u1, seen2 = u2;
-                            return -12345;
-                        },
-                        L"negative index");
-    EXPECT_EQ(table->process(backend(1), module(3), -3000, &src, &dst, &user1, &user2), -12345);
-    EXPECT_EQ(seenSource, &src);
-    EXPECT_EQ(seenDestination, &dst);
-    EXPECT_EQ(seen1, &user1);
-    EXPECT_EQ(seen2, &user2);
-
-    table->registerFunc(backend(1), module(3), 3001, returning(result::FormatMismatch), L"six");
-    EXPECT_EQ(table->process(backend(1), module(3), 3001, &src, &dst, nullptr, nullptr), result::FormatMismatch);
-}
-
-TEST_F(FunctionTable, ExceptionsFromAFunctionBecomeNine)
-{
-    table->registerFunc(backend(0), module(2), 4000,
-                        [](const QRV_Image*, QRV_Image*, void*, void*) -> int { throw std::runtime_error("x"); },
-                        L"throws");
-    table->registerFunc(backend(0), module(2), 4001,
-                        [](const QRV_Image*, QRV_Image*, void*, void*) -> int { throw 17; }, L"throws int");
-    EXPECT_EQ(table->process(backend(0), module(2), 4000, &src, &dst, nullptr, nullptr), result::FunctionThrew);
-    EXPECT_EQ(table->process(backend(0), module(2), 4001, &src, &dst, nullptr, nullptr), result::FunctionThrew);
-    EXPECT_EQ(table->process(backend(0), module(2), 4000, &src, &dst, nullptr, nullptr), result::FunctionThrew)
-        << "the entry stays usable";
-}
-
-TEST_F(FunctionTable, LaterRegistrationWinsAndListsShowOneEntry)
-{
-    table->registerFunc(backend(3), module(2), 5000, returning(11), L"first");
-    table->registerFunc(backend(3), module(2), 5000, returning(22), L"second");
-    table->registerFunc(backend(3), module(2), 5001, returning(33), L"other");
-    EXPECT_EQ(table->process(backend(3), module(2), 5000, &src, &dst, nullptr, nullptr), 22);
-    auto list = table->getAlgorithmList(backend(3), module(2));
+    List list = CIpmFuncTable::Instance()->getAlgorithmList(backend, module);
     std::sort(list.begin(), list.end());
-    const std::vector<std::pair<int, std::wstring>> expected = {{5000, L"second"}, {5001, L"other"}};
-    EXPECT_EQ(list, expected);
-}
-
-TEST_F(FunctionTable, ListsOfBadOrEmptyCoordinatesAreEmpty)
-{
-    EXPECT_TRUE(table->getAlgorithmList(backend(5), module(0)).empty());
-    EXPECT_TRUE(table->getAlgorithmList(backend(0), module(-1)).empty());
-    EXPECT_TRUE(table->getAlgorithmList(backend(4), module(1)).empty());
-}
-
-TEST_F(FunctionTable, FunctionMayUseTheTableItself)
-{
-    table->registerFunc(backend(4), module(2), 6000, returning(7007), L"inner");
-    table->registerFunc(backend(4), module(2), 6001,
-                        [this](const QRV_Image* s, QRV_Image* d, void*, void*) {
-                            return table->process(backend(4), module(2), 6000, s, d, nullptr, nullptr);
-                        },
-                        L"outer");
-    EXPECT_EQ(table->process(backend(4), module(2), 6001, &src, &dst, nullptr, nullptr), 7007);
-}
-
-// First use of the table, each in a fresh process.
-namespace {
-
-qrvtest::ProcessResult runScenario(const std::string& name)
-{
-    auto result = qrvtest::runProcess({FUNCTION_TABLE_SCENARIO, name});
-    EXPECT_EQ(result.exitCode, 0) << name << "\nstdout:\n" << result.out << "\nstderr:\n" << result.err;
-    return result;
+    return list;
 }
 
 }  // namespace
 
-TEST(FunctionTableFirstUse, FillLogsItsStepsWithFileLineAndSignature)
+TEST(FunctionTable, RegistrationAndDispatchCodes)
 {
-    const auto records = qrvtest::parseRecords(runScenario("fill-log").out);
-    std::vector<std::pair<std::string, std::string>> called;
-    for (const auto& record : records) {
-        if (record.file != "CIpmFuncTable" || record.text != L"called") continue;
-        EXPECT_EQ(record.level, qrvlog::LogLevel::Trace);
-        called.emplace_back(record.function, qrvtest::utf8(record.text));
-        const std::string line = qrvtest::sourceLine(QRV_SOURCE_DIR "/ipm/CIpmFuncTable.cpp", record.line);
-        EXPECT_NE(line.find("IPM_LOG(Trace, L\"called\")"), std::string::npos)
-            << "line " << record.line << " is the log call: " << line;
-    }
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"void ipmcommon::CIpmFuncTable::InitFuncTable()", "called"},
-        {"void ipmcommon::CIpmFuncTable::InitConverterFuncTable()", "called"},
-        {"void ipmcommon::CIpmFuncTable::InitScalerFuncTable()", "called"},
-        {"void ipmcommon::CIpmFuncTable::InitUserCustomFuncTable()", "called"},
+    CIpmFuncTable* table = CIpmFuncTable::Instance();
+    QRV_Image image;
+    const auto returning = [](int code) { return [code](auto...) { return code; }; };
+    EXPECT_EQ(table->registerFunc(B(9), M(9), 900, IpmFn(), L"empty"), 7);
+    EXPECT_EQ(table->registerFunc(B(5), M(9), 900, returning(1), L"x"), 2);
+    EXPECT_EQ(table->registerFunc(B(-1), M(0), 900, returning(1), L"x"), 2);
+    EXPECT_EQ(table->registerFunc(B(4), M(4), 900, returning(1), L"x"), 3);
+    const std::tuple<int, IpmFn, const wchar_t*> entries[] = {
+        {900, returning(11), L"first"},
+        {900, returning(-12345), L"second"},
+        {INT_MIN, returning(6), L"negative"},
+        {901, [](auto...) -> int { throw std::runtime_error("no"); }, L"throws"},
+        {902, [](auto...) -> int { throw 17; }, L"throws int"}};
+    for (const auto& [index, function, name] : entries)
+        EXPECT_EQ(table->registerFunc(B(4), M(3), index, function, name), 1);
+    // Backend, module, index, whether the source and the destination are given, and the code.
+    const std::tuple<int, int, int, bool, bool, int> calls[] = {
+        {5, 3, 900, false, false, 2},   {-3, 3, 900, true, true, 2}, {4, 4, 900, false, false, 3},
+        {4, -1, 900, true, true, 3},    {4, 3, 999, false, true, 8}, {4, 3, 900, true, false, 8},
+        {4, 3, 999, true, true, 4},     {4, 2, 900, true, true, 4},  {4, 3, 900, true, true, -12345},
+        {4, 3, INT_MIN, true, true, 6}, {4, 3, 901, true, true, 9},  {4, 3, 902, true, true, 9},
     };
-    EXPECT_EQ(called, expected);
+    for (const auto& [b, m, index, source, destination, code] : calls) {
+        QRV_Image* images[2] = {source ? &image : nullptr, destination ? &image : nullptr};
+        EXPECT_EQ(table->process(B(b), M(m), index, images[0], images[1], {}, {}), code)
+            << b << "/" << m << "/" << index;
+    }
+    const List expected = {{INT_MIN, L"negative"}, {900, L"second"}, {901, L"throws"}, {902, L"throws int"}};
+    EXPECT_EQ(sortedList(B(4), M(3)), expected);
+    EXPECT_EQ(sortedList(B(5), M(3)), List{});
+    EXPECT_EQ(sortedList(B(4), M(-1)), List{});
 }
 
-TEST(FunctionTableFirstUse, LaterUsesDoNotFillAgain)
+TEST(FunctionTable, ParsersTakeWholeNamesOnly)
 {
-    runScenario("fill-once");
+    B backend = B(42);
+    M module = M(42);
+    EXPECT_FALSE(CIpmFuncTable::TryParseBackend(L"GPU OpenCL ", backend) ||
+                 CIpmFuncTable::TryParseBackend(L"gpu opencl", backend) ||
+                 CIpmFuncTable::TryParseModule(L"User", module));
+    EXPECT_TRUE(backend == B(42) && module == M(42)) << "a failed parse leaves the output alone";
+    EXPECT_TRUE(CIpmFuncTable::TryParseBackend(L"GPU OpenCL", backend) && backend == B::GPU_OpenCL);
+    EXPECT_TRUE(CIpmFuncTable::TryParseModule(L"User_Custom", module) && module == M::User_Custom);
 }
 
-TEST(FunctionTableFirstUse, EightThreadsRacingTheFillAllDispatch)
+// Eight threads make the process's first calls at once, conversions of both CPU backends: the fill
+// runs once, with the lines a host reads, and every caller gets a filled table.
+TEST(FunctionTableFill, RacingFirstCallersFillOnce)
 {
-    runScenario("race");
+    if (!qrvtest::inChild()) {
+        const auto child = qrvtest::runSelf();
+        EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
+        return;
+    }
+    qrvtest::LogCapture capture;
+    QRV_Image image;  // empty: the converters' refusals (serial 8, parallel 5) show that calls reach them
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (++ready; ready < 8;) std::this_thread::yield();
+            const int code =
+                CIpmFuncTable::Instance()->process(B(t % 2), M::Converter, 2, &image, &image, {}, {});
+            EXPECT_EQ(code, t % 2 == 0 ? 8 : 5);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(
+        capture.texts("CIpmFuncTable"),
+        (std::vector<std::string>{"called", "called", "called", "called", "No User_Custom plugin found."}));
+    const wchar_t* names[] = {L"YUV422 -> RGB888 (CPU ", L"YUV422 -> BGR888 (CPU ", L"RGB888 -> Gray8 (CPU "};
+    for (int backend = 0; backend < 5; ++backend) {
+        List expected;
+        for (int i = 0; backend < 2 && i < 3; ++i)
+            expected.emplace_back(i, names[i] + std::wstring(backend == 0 ? L"Serial)" : L"Parallel)"));
+        EXPECT_EQ(sortedList(B(backend), M::Converter), expected) << backend;
+    }
 }
 
-TEST(FunctionTableFirstUse, ExceptionInTheFillReachesTheCallerAndTheFillRunsAgain)
+// A fill that ends in an exception passes it to the caller and runs again, whole, on the next use.
+TEST(FunctionTableFill, FillThatThrowsRunsAgain)
 {
 #ifdef QRV_TSAN_BUILD
-    GTEST_SKIP() << "ThreadSanitizer's pthread_once interceptor cannot unwind an exception out of "
-                    "std::call_once, so a retried fill would hang under TSan only";
+    GTEST_SKIP() << "TSan's pthread_once cannot unwind an exception out of std::call_once: the retry hangs";
 #endif
-    runScenario("fill-throws");
+    if (!qrvtest::inChild()) {
+        const auto child = qrvtest::runSelf();
+        EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
+        return;
+    }
+    // The fill's third line comes after the converters are registered.
+    int lines = 0;
+    qrvlog::QRV_Log::Instance()->setSink([&lines](const qrvlog::LogRecord& record) {
+        if (record.file == "CIpmFuncTable" && ++lines == 3) throw std::runtime_error("sink refused");
+    });
+    EXPECT_THROW(CIpmFuncTable::Instance(), std::runtime_error);
+    EXPECT_EQ(sortedList(B::CPU_Serial, M::Converter).size(), 3u);
+    EXPECT_EQ(lines, 3 + 5);
 }
