@@ -76,9 +76,7 @@ long firstDifference(int kernel, bool swap, int layout, int width, int height, s
     return -1;
 }
 
-}  // namespace
-
-TEST(ConvertKernel, MatchesTheModelsInsideGuardPages)
+void sweepEveryCase()
 {
     std::vector<std::tuple<int, bool, int>> cases;
     for (int layout : {0, 1, 2, 3, 4, -1}) cases.insert(cases.end(), {{0, false, layout}, {0, true, layout}});
@@ -94,4 +92,25 @@ TEST(ConvertKernel, MatchesTheModelsInsideGuardPages)
             }
         }
     }
+}
+
+}  // namespace
+
+TEST(ConvertKernel, MatchesTheModelsInsideGuardPages)
+{
+    sweepEveryCase();
+}
+
+// On x86-64 the kernels have two bodies: AVX2, and the NEON source through SIMDe, which
+// QRV_IPM_DISABLE_AVX2 chooses in a process of its own.
+TEST(ConvertKernel, PortableBodyMatchesTheModelsToo)
+{
+#if !defined(__x86_64__)
+    GTEST_SKIP() << "one body on this target";
+#endif
+    if (qrvtest::inChild()) return sweepEveryCase();
+    qrvtest::ProcessOptions options;
+    options.env = {{"QRV_IPM_DISABLE_AVX2", "1"}};
+    const auto child = qrvtest::runSelf(options);
+    EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
 }
