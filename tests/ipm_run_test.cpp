@@ -200,9 +200,8 @@ TEST(IpmRun, AgreesWithFfmpegOnAnFfmpegClip)
 TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
 {
     qrvtest::TempDir dir;
-    const std::string clip = dir.file("clip.yuv"), plain = dir.file("plain"), out = dir.file("out");
+    const std::string clip = dir.file("clip.yuv"), out = dir.file("out");
     qrvtest::writeFile(clip, std::string(64, '\x80'));
-    qrvtest::writeFile(plain, "not a directory");
     const struct {
         std::vector<std::string> args;
         int status;
@@ -212,10 +211,12 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--size", "8x2", "--frames", "3", "--fps", "0"}, 0, "synthetic camera, 8x2 YUYV\n  3 frames"},
         {{"--frobnicate"}, 2, "unknown option '--frobnicate'"},
         {{"--size", "0x4"}, 2, "bad size '0x4'"},
+        {{"--size", "4x0"}, 2, "bad size '4x0'"},
         {{"--size", "16386x2"}, 2, "bad size '16386x2'"},
         {{"--size", "7x4"}, 2, "odd width 7"},
         {{"--layout", "YUY2"}, 2, "unknown layout 'YUY2'"},
         {{"--fps", "-1"}, 2, "bad frame rate '-1'"},
+        {{"--frames", "x"}, 2, "bad frame count 'x'"},
         {{"--save-every", "0"}, 2, "bad --save-every '0'"},
         {{"--log-level", "4"}, 2, "bad log level '4'"},
         {{"--step", "CPU Parallel/Converter"}, 2, "is not BACKEND/MODULE/INDEX"},
@@ -227,8 +228,8 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--input", clip}, 2, "--input needs --size"},
         {{"--input", dir.file("missing.yuv"), "--size", "8x4"}, 2, "cannot open input file"},
         {{"--input", clip, "--size", "8x6"}, 2, "holds 64 bytes, less than one 8x6 YUV 4:2:2 frame"},
-        {{"--out", plain}, 2, "exists and is not a directory"},
-        {{"--out", plain + "/out"}, 2, "cannot create output directory"},
+        {{"--out", clip}, 2, "exists and is not a directory"},
+        {{"--out", clip + "/out"}, 2, "cannot create output directory"},
     };
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;
