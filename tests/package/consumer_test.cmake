@@ -13,12 +13,10 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
 
+# The consumer includes every installed header, so only the rest is listed.
 foreach(required
     lib/libQRV_IPM.so.1 lib/libQRV_Image.so.1 lib/libRV_Log.so.1 lib/libCWatchTime.so.1
-    include/qrv_ipm/CIpmFuncTable.h include/qrv_ipm/IpmTypes.h include/qrv_ipm/QRV_Image.h
-    include/qrv_ipm/QRV_Log.h include/qrv_ipm/CWatchTime.h
-    lib/cmake/QRV_IPM/QRV_IPMConfig.cmake lib/pkgconfig/qrv_ipm.pc
-    include/qrv_ipm/IpmUserCustom.h share/qrv_ipm/plugins/libCIpmUserCustom.so)
+    lib/cmake/QRV_IPM/QRV_IPMConfig.cmake lib/pkgconfig/qrv_ipm.pc share/qrv_ipm/plugins/libCIpmUserCustom.so)
   if(NOT EXISTS ${prefix}/${required})
     message(FATAL_ERROR "the installed prefix lacks ${required}")
   endif()

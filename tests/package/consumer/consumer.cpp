@@ -1,10 +1,21 @@
-// A host built against the installed package: registers a function,
+// A host built against the installed package: every installed header
+// compiles on its own include path; the host registers a function,
 // dispatches it and checks the result code.
 #include <cstdio>
 
+#include "CImageProcessMng.h"
+#include "CIpmCpuEnv.h"
+#include "CIpmEnv.h"
 #include "CIpmFuncTable.h"
+#include "CIpmGpuEnv.h"
+#include "CIpmUserCustomLoader.h"
 #include "CWatchTime.h"
+#include "Converter/CConverter.h"
+#include "Converter/CCpuParaConverter.h"
+#include "Converter/CCpuSerialConverter.h"
+#include "Converter/CpuConvertKernel.h"
 #include "IpmTypes.h"
+#include "IpmUserCustom.h"
 #include "QRV_Image.h"
 #include "QRV_Log.h"
 
