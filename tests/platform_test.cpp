@@ -50,17 +50,17 @@ TEST(PlatformLog, FormatsIndependentlyOfTheCLocaleAndNeverTruncates)
     const auto log = [](const wchar_t* format, auto... args) {
         qrvlog::QRV_Log::Instance()->writeLog(LogLevel::Trace, "F", 1, "f()", format, args...);
     };
-    log(L"%d %d %u %zu", INT_MIN, INT_MAX, UINT_MAX, SIZE_MAX);
-    log(L"%ls|%hs|%s|100%%", L"\u00e9\u4e2d\U0001F4F7", "/caf\xc3\xa9/\xf0\x9f\x93\xb7", "a");
-    log(L"a%hsb", "\xff\xc3");  // malformed UTF-8 keeps its place
+    log(L"%d %d %d %u %zu", INT_MIN, 0, INT_MAX, UINT_MAX, SIZE_MAX);
+    log(L"%ls|%hs|%s|100%%", L"\u00e9\u4e2d\U0010FFFF\xD83D\xDCF7x\xDC00",
+        "caf\xc3\xa9\xf0\x9f\x93\xb7\xff\xc3", "a");
     log(L"%hs!", longText.c_str());
-    EXPECT_EQ(
-        capture.texts(),
-        (std::vector<std::string>{"-2147483648 2147483647 4294967295 18446744073709551615",
-                                  "\xc3\xa9\xe4\xb8\xad\xf0\x9f\x93\xb7|/caf\xc3\xa9/\xf0\x9f\x93\xb7|a|100%",
-                                  "a\xef\xbf\xbd\xef\xbf\xbd"
-                                  "b",
-                                  longText + "!"}));
+    log(L"%05d|%*d|%#06X|%q", -42, 3, 1, 0xafu);
+    // Malformed UTF-8 and lone surrogates keep their places as U+FFFD.
+    EXPECT_EQ(capture.texts(),
+              (std::vector<std::string>{"-2147483648 0 2147483647 4294967295 18446744073709551615",
+                                        "\xc3\xa9\xe4\xb8\xad\xf4\x8f\xbf\xbf\xf0\x9f\x93\xb7x\xef\xbf\xbd|"
+                                        "caf\xc3\xa9\xf0\x9f\x93\xb7\xef\xbf\xbd\xef\xbf\xbd|a|100%",
+                                        longText + "!", "-0042|  1|0X00AF|%q"}));
 }
 
 // The default sink writes a line per record to stderr up to the level set; a sink takes records instead.
