@@ -34,8 +34,8 @@ List userCustomList()
     return List(list.begin(), list.end());
 }
 
-// A case: files in lib, bin, bin/plugins and sys ('-' none, 'P' the test plug-in, 'N' no shared object,
-// 'S' one without the entry points), the lines a host reads as tokens of kTexts, the plug-in's mode.
+// A case: files in lib, bin, bin/plugins, sys ('-' none, 'P' test plug-in, 'N' no shared object, 'S' one
+// without entry points), the lines a host reads as letters FMLRXTN of kTexts (F, M, L + candidate), mode.
 // clang-format off
 const char* const kCases[] = {
     "PPPP L1 R T", "-PPP F1 L2 R T", "--PP F1 F2 L3 R T", "---P F1 F2 F3 L4 R T", "NSP- F1 M2 L3 R T",
