@@ -34,8 +34,8 @@ List userCustomList()
     return List(list.begin(), list.end());
 }
 
-// A case: files in lib, bin, bin/plugins, sys ('-' none, 'P' test plug-in, 'N' no shared object, 'S' one
-// without entry points), the lines a host reads as letters FMLRXTN of kTexts (F, M, L + candidate), mode.
+// A case: files in lib, bin, bin/plugins, sys ('-' none, 'P' test plug-in, 'N' no shared object, 'S' its
+// unregister only), the lines a host reads as letters FMLRXTN of kTexts (F, M, L + candidate), mode.
 // clang-format off
 const char* const kCases[] = {
     "PPPP L1 R T", "-PPP F1 L2 R T", "--PP F1 F2 L3 R T", "---P F1 F2 F3 L4 R T", "NSP- F1 M2 L3 R T",
@@ -98,7 +98,7 @@ TEST(PluginLoader, SearchRefusalsAndTeardown)
             const std::string target = dir.path() + places[i] + kPlugin;
             if (testCase[i] == 'N') qrvtest::writeFile(target, "not a shared object");
             if (testCase[i] == 'P' || testCase[i] == 'S')
-                std::filesystem::copy_file(testCase[i] == 'P' ? TEST_PLUGIN : NO_ENTRY_POINTS, target);
+                std::filesystem::copy_file(testCase[i] == 'P' ? TEST_PLUGIN : UNREGISTER_ONLY, target);
         }
         qrvtest::ProcessOptions options;
         options.env = {{"QRV_TEST_PLUGIN_MODE", testCase}, {"LD_LIBRARY_PATH", dir.file("sys")}};

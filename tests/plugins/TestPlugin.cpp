@@ -13,17 +13,11 @@ namespace {
 
 int alive = 0;
 AlgEntry* records = nullptr;
-int registerCalls = 0;
 
 void trace(const std::string& event)
 {
     std::ofstream(std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../trace", std::ios::app)
         << event << "\n";
-}
-
-__attribute__((destructor)) void closing()
-{
-    trace("fini " + std::to_string(alive));
 }
 
 // Counts its live copies; returns *user1, or value without user1, and throws for a value of 0.
@@ -41,8 +35,15 @@ struct Tracked {
 
 }  // namespace
 
+#ifndef QRV_TEST_UNREGISTER_ONLY  // else a library of the plug-in's name with unregister alone
+__attribute__((destructor)) static void closing()
+{
+    trace("fini " + std::to_string(alive));
+}
+
 int ipm_user_custom_register(AlgEntry** out, int* count)
 {
+    static int registerCalls = 0;
     const std::string mode = std::strrchr(std::getenv("QRV_TEST_PLUGIN_MODE"), ' ') + 1;
     if (mode == "throw-once" && registerCalls++ == 0) throw std::runtime_error("register refused");
     records = new AlgEntry[5]{{7, Tracked(-7), L"7 echo"},
@@ -54,6 +55,7 @@ int ipm_user_custom_register(AlgEntry** out, int* count)
     if (mode != "zero-count") *count = mode == "negative-count" ? -1 : 5;
     return mode == "refuse-code" ? 3 : 0;
 }
+#endif
 
 void ipm_user_custom_unregister()
 {
