@@ -1,9 +1,10 @@
 # QRV IPM. `make demo` runs the main job, `make test` builds and tests every
-# configuration, `make bench` runs the benchmarks. Each first installs the
+# configuration, `make bench` runs the benchmarks, `make soak` the long run of
+# docs/reliability.md (SOAK_SECONDS, 600 by default). Each first installs the
 # Debian packages it needs (as root).
 JOBS ?= 2
 
-.PHONY: all deps build demo test bench clean
+.PHONY: all deps build demo test bench soak clean
 
 all: build
 
@@ -35,6 +36,14 @@ bench: deps
 		| tee $(BENCH_OUT)/converter_bench.txt
 	$(BENCH_OUT)/bench_manager | tee $(BENCH_OUT)/bench_manager.txt
 	@echo "results: $(BENCH_OUT)/converter_bench.txt, $(BENCH_OUT)/converter_bench.json and $(BENCH_OUT)/bench_manager.txt"
+
+SOAK_SECONDS ?= 600
+
+soak: deps
+	@cmake/scripts/install-packages.sh cmake/debian-packages-bench.txt
+	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
+	@cmake --build --preset native -j $(JOBS) --target soak
+	$(BENCH_OUT)/soak/soak --seconds $(SOAK_SECONDS)
 
 clean:
 	rm -rf build
