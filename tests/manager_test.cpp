@@ -18,14 +18,16 @@ using qrv_img::En_ImageFormat;
 using qrv_img::QRV_Image;
 using namespace std::chrono_literals;
 
-// The next pixel buffer of the watched size (no other allocation has it) fails
-// as on an exhausted heap.
+// Pixel buffers of the watched size (no other allocation has it) are counted,
+// and the next one can be made to fail as on an exhausted heap.
 static std::atomic<size_t> watchedSize{0};
+static std::atomic<int> watchedAllocations{0};
 static std::atomic<bool> failNext{false};
 
 void* operator new[](std::size_t size)
 {
     if (size == watchedSize && failNext.exchange(false)) throw std::bad_alloc();
+    watchedAllocations += size == watchedSize;
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }
@@ -120,8 +122,7 @@ TEST_F(Manager, ConverterChainReportsEveryStepInOrderWithTheConvertersPixels)
     manager.registerDisplayerCallback(std::ref(reports));
     ASSERT_TRUE(manager.initialize());
     manager.onNewFrame(yuv);
-    ASSERT_TRUE(reports.await(130, 1));
-    manager.stop();
+    ASSERT_TRUE(reports.await(130, 1));  // the last report; the destructor stops the worker
     ASSERT_EQ(reports.list.size(), 2u);
     EXPECT_TRUE(reports.list[0].position == 0 && reports.list[0].intact && reports.list[1].intact);
 }
@@ -162,10 +163,8 @@ TEST_F(Manager, ProducerIsNeverBlockedNewestWinsAndNoPassSeesATornFrameOrOneTwic
     producer.join();
     ASSERT_TRUE(reports.await(kLast)) << "the newest frame is processed";
     manager.stop();
-    for (size_t i = 1; i < reports.list.size(); ++i) {
-        const Report& report = reports.list[i];
-        ASSERT_TRUE(report.intact && reports.list[i - 1].tag < report.tag) << "frame " << report.tag;
-    }
+    for (size_t i = 1; i < reports.list.size(); ++i)
+        ASSERT_TRUE(reports.list[i].intact && reports.list[i - 1].tag < reports.list[i].tag) << i;
 }
 
 TEST_F(Manager, ListAndLifecycleOperations)
@@ -178,9 +177,7 @@ TEST_F(Manager, ListAndLifecycleOperations)
     addStep(&last);
     manager.registerDisplayerCallback(std::ref(reports));
     manager.stop();  // without a worker: the next one still runs
-    EXPECT_TRUE(manager.run());
-    EXPECT_TRUE(manager.run());
-    EXPECT_TRUE(manager.initialize());
+    EXPECT_TRUE(manager.run() && manager.run() && manager.initialize());
     deliver(1);
     ASSERT_TRUE(reports.await(1, 2));
     manager.deinitialize();  // empties the list, keeps the callback
@@ -217,7 +214,10 @@ TEST_F(Manager, ExceptionsAreLoggedAtLevelOneAndNeitherTheWorkerNorTheProducerSe
     ASSERT_TRUE(reports.await(2, 1)) << "the steps ran on the source as it was";
     deliver(3);
     ASSERT_TRUE(reports.await(3, 1)) << "the step after the throwing callback ran";
-    manager.stop();
+    for (int tag = 4; tag <= 40; ++tag) deliver(tag);
+    ASSERT_TRUE(reports.await(40, 1));
+    manager.deinitialize();
+    EXPECT_LE(watchedAllocations, 4) << "three slots and the first source, once each";
     for (const Report& report : reports.list) EXPECT_EQ(report.intact, report.tag != 2) << report.tag;
     const std::vector<std::string> errors = texts(capture, qrvlog::LogLevel::Error);
     ASSERT_EQ(errors.size(), 3u);
