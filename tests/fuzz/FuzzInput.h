@@ -2,7 +2,6 @@
 // replay build (the cross build, ThreadSanitizer) a main() in place of libFuzzer's.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 

@@ -36,8 +36,7 @@ QRV_Image decodeImage(FuzzInput& in)
 
 }  // namespace
 
-// Backend, module, index, pointer choice (1: null source, 2: null destination,
-// 3: the source as the destination too), then two images.
+// Backend, module, index, pointer choice (1, 2: null source, destination; 3: in place), two images.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzInput in{data, size};

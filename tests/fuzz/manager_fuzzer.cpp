@@ -29,9 +29,8 @@ static std::unique_ptr<QRV_Image> makeImage(FuzzInput& in)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     FuzzInput in{data, size};
-    // Frames back to back or up to 0.6 ms apart, to meet passes at every stage.
-    const auto frameInterval = std::chrono::microseconds(in.byte() % 32 * 20);
-    std::vector<std::unique_ptr<QRV_Image>> images, frames;  // they outlive the manager
+    const auto frameInterval = std::chrono::microseconds(in.byte() % 32 * 20);  // meets passes at every stage
+    std::vector<std::unique_ptr<QRV_Image>> images, frames;                     // they outlive the manager
     for (int i = 1 + in.byte() % 6; i > 0; --i) images.push_back(makeImage(in));
     for (int i = in.byte() % 8; i > 0; --i) frames.push_back(makeImage(in));
     std::vector<const QRV_Image*> destinations;  // of the list; changed only while no worker runs
