@@ -1,10 +1,12 @@
 # QRV IPM. `make demo` runs the main job, `make test` builds and tests every
 # configuration, `make bench` runs the benchmarks, `make bench-arm` counts the
-# aarch64 instructions per pixel under qemu. Each first installs the
-# Debian packages it needs (as root).
+# aarch64 instructions per pixel under qemu, `make soak` is the long run of
+# docs/reliability.md (SOAK_SECONDS, 600 by default), `make format` and
+# `make lint` keep the sources in shape. Each first installs the Debian
+# packages it needs (as root).
 JOBS ?= 2
 
-.PHONY: all deps build demo test bench bench-arm format format-check lint clean
+.PHONY: all deps build demo test bench bench-arm soak format format-check lint clean
 
 all: build
 
@@ -56,6 +58,14 @@ format-check: deps
 lint: deps
 	@cmake --preset native >/dev/null
 	@clang-tidy-14 -p build/native --quiet $(LINT_SOURCES) && echo "lint: clean"
+
+SOAK_SECONDS ?= 600
+
+soak: deps
+	@cmake/scripts/install-packages.sh cmake/debian-packages-bench.txt
+	@cmake --preset native -DQRV_IPM_BUILD_BENCH=ON >/dev/null
+	@cmake --build --preset native -j $(JOBS) --target soak
+	$(BENCH_OUT)/soak/soak --seconds $(SOAK_SECONDS)
 
 clean:
 	rm -rf build

@@ -1,48 +1,45 @@
-// Reading a fuzz input as a stream of values, and the quiet library set-up
-// the fuzz targets share.
+// The fuzz targets' input as a stream of bytes, a quiet library, and for the
+// replay build (the cross build, ThreadSanitizer) a main() in place of libFuzzer's.
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 #include "QRV_Log.h"
 
-namespace qrvfuzz {
+// Past the end every byte is zero: every input, however short, decodes.
+struct FuzzInput {
+    const uint8_t* data;
+    size_t size, used = 0;
 
-// Hands out the input's bytes in order; past the end every value is zero, so
-// every input, however short, decodes to something.
-class Input {
-public:
-    Input(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-
-    template <typename T>
-    T take()
-    {
-        T value{};
-        const size_t n = std::min(sizeof(T), size_ - used_);
-        if (n != 0) std::memcpy(&value, data_ + used_, n);
-        used_ += n;
-        return value;
-    }
-    uint8_t byte() { return take<uint8_t>(); }
-    bool empty() const { return used_ >= size_; }
-
-private:
-    const uint8_t* data_;
-    size_t size_;
-    size_t used_ = 0;
+    uint8_t byte() { return used < size ? data[used++] : 0; }
+    bool empty() const { return used >= size; }
 };
 
-// No log output (the library logs every frame), and none of the machine's
-// OpenCL drivers in the environment's first use: they take long to start and
-// leak when the probe unloads them, which would drown the findings.
-inline void quietLibrary()
+// No log output (the manager logs every frame), and none of the machine's
+// OpenCL drivers, which start slowly and leak when the probe unloads them.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     setenv("OCL_ICD_VENDORS", "/nonexistent/opencl-vendors", 0);
     qrvlog::QRV_Log::Instance()->setSink([](const qrvlog::LogRecord&) {});
+    return 0;
 }
 
-}  // namespace qrvfuzz
+#ifdef QRV_FUZZ_REPLAY
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+
+int main(int argc, char** argv)
+{
+    LLVMFuzzerInitialize(&argc, &argv);
+    for (int i = 1; i < argc; ++i) {
+        std::ifstream file(argv[i], std::ios::binary);
+        const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)), {});
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    }
+    return argc > 1 ? 0 : 1;
+}
+#endif
