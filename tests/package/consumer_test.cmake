@@ -21,8 +21,15 @@ foreach(required
     message(FATAL_ERROR "the installed prefix lacks ${required}")
   endif()
 endforeach()
-if(EXISTS ${prefix}/include/qrv_ipm/IpmLog.h)
-  message(FATAL_ERROR "the internal IpmLog.h must not be installed")
+# The installed headers are exactly the interface: an internal helper header
+# installed by accident fails here.
+file(GLOB_RECURSE installed RELATIVE ${prefix}/include/qrv_ipm ${prefix}/include/qrv_ipm/*)
+list(SORT installed)
+set(interface CImageProcessMng.h CIpmCpuEnv.h CIpmEnv.h CIpmFuncTable.h CIpmGpuEnv.h CIpmUserCustomLoader.h
+    CWatchTime.h Converter/CConverter.h Converter/CCpuParaConverter.h Converter/CCpuSerialConverter.h
+    Converter/CpuConvertKernel.h IpmTypes.h IpmUserCustom.h QRV_Image.h QRV_Log.h)
+if(NOT installed STREQUAL interface)
+  message(FATAL_ERROR "installed headers: ${installed}\nthe interface: ${interface}")
 endif()
 if(EXISTS ${prefix}/lib/libCIpmUserCustom.so)
   message(FATAL_ERROR "the example plug-in must stay out of lib/, where every host would load it")
