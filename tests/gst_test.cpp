@@ -1,6 +1,5 @@
-// The ipmprocess element in pipelines into appsink. Frames and bus messages are recorded under a std::mutex
-// in the threads that deliver them, so that ThreadSanitizer sees every hand-over (GLib's locks it cannot
-// see).
+// The ipmprocess element in pipelines into appsink. Frames and messages are recorded under a std::mutex in
+// the threads that deliver them, so that ThreadSanitizer sees every hand-over (GLib's locks are hidden).
 #include <gst/app/app.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
@@ -35,11 +34,11 @@ GstBusSyncReply recordMessage(GstBus*, GstMessage* message, gpointer data)
     auto& run = *static_cast<Playback*>(data);
     GError* error = nullptr;
     std::lock_guard<std::mutex> held(lock);
-    if (GST_MESSAGE_SRC(message) == GST_OBJECT(run.element) && GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
-        gst_message_parse_error(message, &error, nullptr), run.errors.push_back(error->message),
-            g_error_free(error);
-    run.qos +=
-        GST_MESSAGE_SRC(message) == GST_OBJECT(run.element) && GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS;
+    const bool mine = GST_MESSAGE_SRC(message) == GST_OBJECT(run.element);
+    if (mine && GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+        gst_message_parse_error(message, &error, nullptr);
+    if (error) run.errors.push_back(error->message), g_error_free(error);
+    run.qos += mine && GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS;
     return GST_BUS_PASS;
 }
 
