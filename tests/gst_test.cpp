@@ -1,6 +1,5 @@
-// The ipmprocess element in pipelines into appsink. Frames and bus messages are recorded under a
-// std::mutex in the threads that deliver them, so that ThreadSanitizer sees every hand-over (GLib's
-// own locks are invisible to it).
+// The ipmprocess element in pipelines into appsink. Frames and messages are recorded under a std::mutex in
+// the threads that deliver them, so that ThreadSanitizer sees every hand-over (GLib's locks are hidden).
 #include <gst/app/app.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
@@ -15,8 +14,7 @@ namespace {
 
 using Frames = std::vector<std::pair<GstClockTime, std::vector<uint8_t>>>;  // timestamp, packed rows
 
-// At namespace scope, so that no earlier use of their memory looks like a race.
-std::mutex lock;
+std::mutex lock;  // at namespace scope, so that no earlier use of their memory looks like a race
 std::condition_variable opened;
 
 struct Playback {
@@ -36,11 +34,11 @@ GstBusSyncReply recordMessage(GstBus*, GstMessage* message, gpointer data)
     auto& run = *static_cast<Playback*>(data);
     GError* error = nullptr;
     std::lock_guard<std::mutex> held(lock);
-    if (GST_MESSAGE_SRC(message) != GST_OBJECT(run.element)) return GST_BUS_PASS;
-    if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) gst_message_parse_error(message, &error, nullptr);
-    run.qos += GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS;
-    if (error) run.errors.push_back(error->message);
-    g_clear_error(&error);
+    const bool mine = GST_MESSAGE_SRC(message) == GST_OBJECT(run.element);
+    if (mine && GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR)
+        gst_message_parse_error(message, &error, nullptr);
+    if (error) run.errors.push_back(error->message), g_error_free(error);
+    run.qos += mine && GST_MESSAGE_TYPE(message) == GST_MESSAGE_QOS;
     return GST_BUS_PASS;
 }
 
@@ -56,17 +54,16 @@ GstFlowReturn keepSample(GstAppSink* sink, gpointer data)
     const int pixel = info.finfo->pixel_stride[0],
               width = pixel == 2 ? GST_ROUND_UP_2(info.width) : info.width;
     std::pair<GstClockTime, std::vector<uint8_t>> frame{GST_BUFFER_PTS(map.buffer), {}};
-    for (int row = 0; row < info.height; ++row) {
-        const auto* line = static_cast<uint8_t*>(map.data[0]) + row * info.stride[0];
+    for (auto* line = static_cast<uint8_t*>(map.data[0]);
+         frame.second.size() < size_t(pixel * width * info.height); line += info.stride[0])
         frame.second.insert(frame.second.end(), line, line + pixel * width);
-    }
     gst_video_frame_unmap(&map);
     gst_sample_unref(sample);
     const bool out = std::string(GST_OBJECT_NAME(sink)) == "out";
     if (out) std::this_thread::sleep_for(std::chrono::milliseconds(run.slowOut));
     std::unique_lock<std::mutex> held(lock);
-    if (out && !opened.wait_for(held, std::chrono::seconds(20), [&] { return run.gate; }))
-        ADD_FAILURE() << "blocked";
+    EXPECT_TRUE(!out || opened.wait_for(held, std::chrono::seconds(20), [&] { return run.gate; }))
+        << "blocked";
     run.frames[GST_OBJECT_NAME(sink)].push_back(std::move(frame));
     return GST_FLOW_OK;
 }
@@ -98,16 +95,13 @@ void play(Playback& run, const std::string& description, int rounds = 1)
     gst_bus_set_sync_handler(GST_ELEMENT_BUS(pipeline), recordMessage, &run, nullptr);
     GstAppSinkCallbacks callbacks{nullptr, nullptr, keepSample, nullptr, {}};
     for (const char* name : {"out", "in", "ref"}) {
-        GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), name);
-        if (sink) gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, &run, nullptr);
-        gst_clear_object(&sink);
+        if (GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), name))
+            gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, &run, nullptr), gst_object_unref(sink);
     }
-    const auto probed = GstPadProbeType(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM);
-    gst_pad_add_probe(GST_PAD(element->sinkpads->data), probed, watchInput, &run, nullptr);
-    {
-        std::lock_guard<std::mutex> held(lock);  // orders this thread's set-up before the streaming threads'
-        run.element = element;
-    }
+    gst_pad_add_probe(GST_PAD(element->sinkpads->data),
+                      GstPadProbeType(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+                      watchInput, &run, nullptr);
+    lock.lock(), run.element = element, lock.unlock();  // orders this set-up before the streaming threads'
     for (int round = 0; round < rounds; ++round) {
         if (GST_CLOCK_TIME_IS_VALID(run.seekTo)) {
             gst_element_set_state(pipeline, GST_STATE_PAUSED);
@@ -118,16 +112,15 @@ void play(Playback& run, const std::string& description, int rounds = 1)
                                          run.seekTo + GST_SECOND / 2));
         }
         gst_element_set_state(pipeline, GST_STATE_PLAYING);
-        const auto ends = GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR);
-        GstMessage* end = gst_bus_timed_pop_filtered(GST_ELEMENT_BUS(pipeline), 20 * GST_SECOND, ends);
+        GstMessage* end = gst_bus_timed_pop_filtered(GST_ELEMENT_BUS(pipeline), 20 * GST_SECOND,
+                                                     GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
         EXPECT_NE(end, nullptr) << "neither EOS nor an error";
         gst_clear_message(&end);
         gst_element_set_state(pipeline, GST_STATE_NULL);
     }
     g_object_get(element, "processed", &run.processed, "dropped", &run.dropped, "leaky", &run.leaky, nullptr);
     std::lock_guard<std::mutex> held(lock);  // after every write of the threads that have ended
-    gst_object_unref(element);
-    gst_object_unref(pipeline);
+    gst_object_unref(element), gst_object_unref(pipeline);
 }
 
 std::string caps(const char* format, int width, int height, int fps = 10)
@@ -153,8 +146,7 @@ TEST(IpmProcessElement, PixelsEqualTheLibraryAndAgreeWithVideoconvert)
         const bool serial = backend == B::CPU_Serial;
         std::string steps;
         for (int index : indices)
-            steps +=
-                std::string(serial ? ";CPU Serial" : ";CPU Parallel") + "/Converter/" + std::to_string(index);
+            steps += (serial ? ";CPU Serial/Converter/" : ";CPU Parallel/Converter/") + std::to_string(index);
         Playback run;
         play(run, "videotestsrc num-buffers=1 pattern=smpte75 ! " + caps(format, width, height) +
                       ",colorimetry=" + (serial ? "bt601" : "1:4:0:0") +
@@ -172,7 +164,7 @@ TEST(IpmProcessElement, PixelsEqualTheLibraryAndAgreeWithVideoconvert)
         for (size_t i = 1; i < images.size(); ++i) {
             images[i] =
                 qrv_img::QRV_Image(images[0].width, height,
-                                   std::vector<F>{F::RGB888, F::BGR888, F::Gray8}[indices[i - 1]], true, 1);
+                                   std::vector{F::RGB888, F::BGR888, F::Gray8}[indices[i - 1]], true, 1);
             ASSERT_EQ(ipmcommon::CIpmFuncTable::Instance()->process(
                           backend, ipmcommon::EnIpmModule::Converter, indices[i - 1], &images[i - 1],
                           &images[i], nullptr, nullptr),
@@ -187,8 +179,8 @@ TEST(IpmProcessElement, PixelsEqualTheLibraryAndAgreeWithVideoconvert)
         int worst = 0, sum = 0;  // against videoconvert's 16-bit output: its 8-bit one is off by 2 itself
         for (size_t b = 0, at = 0; indices.size() == 1 && b < out.size();
              ++b, at = 8 * (b / 3) + 2 * (b % 3)) {
-            worst = std::max(worst, std::abs(out[b] - (ref[at] + 256 * ref[at + 1] + 128) / 257));
-            sum += std::abs(out[b] - (ref[at] + 256 * ref[at + 1] + 128) / 257);
+            const int error = std::abs(out[b] - (ref[at] + 256 * ref[at + 1] + 128) / 257);
+            worst = std::max(worst, error), sum += error;
         }
         EXPECT_LE(worst, 3) << format;
         EXPECT_TRUE(!serial || sum <= static_cast<int>(out.size())) << format << " total " << sum;
@@ -205,8 +197,7 @@ TEST(IpmProcessElement, LosslessDeliversEveryFrameInOrderAcrossRestarts)
          3);
     ASSERT_EQ(run.frames["out"].size(), 36u);
     for (size_t i = 0; i < 36; ++i) EXPECT_EQ(run.frames["out"][i].first, i % 12 * GST_SECOND / 10);
-    EXPECT_EQ(run.processed, 12u);
-    EXPECT_EQ(run.dropped, 0u);
+    EXPECT_EQ(std::pair(run.processed, run.dropped), (std::pair<guint64, guint64>(12, 0)));
     EXPECT_FALSE(run.leaky) << "the default for a source that is not live";
 }
 
@@ -220,8 +211,8 @@ TEST(IpmProcessElement, LeakyDropsWhileAPassRunsWithoutBlockingTheSourceAndDeliv
     const auto& frames = run.frames["out"];
     ASSERT_TRUE(frames.size() == 1 || frames.size() == 2);  // the pass the sink held, then the newest frame
     EXPECT_EQ(frames.back().first, run.lastInput);
-    EXPECT_EQ(run.processed, frames.size());
-    EXPECT_EQ(run.dropped, 20 - frames.size());
+    EXPECT_EQ(std::pair(run.processed, run.dropped),
+              (std::pair<guint64, guint64>(frames.size(), 20 - frames.size())));
     EXPECT_GE(run.qos, 1);
 }
 
