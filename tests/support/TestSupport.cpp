@@ -67,7 +67,6 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
         dup2(inPipe[0], STDIN_FILENO);
         dup2(outPipe[1], STDOUT_FILENO);
         dup2(errPipe[1], STDERR_FILENO);
-        if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
         execvpe(args[0], args.data(), envp.data());
         _exit(127);
     }

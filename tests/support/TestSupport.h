@@ -25,7 +25,6 @@ struct ProcessResult {
 
 struct ProcessOptions {
     std::vector<std::pair<std::string, std::string>> env;  // set in the child's environment
-    std::string cwd;                                        // empty: the parent's
     std::chrono::milliseconds timeout{120000};
     bool useEmulator = true;           // through QRV_TEST_EMULATOR, for cross-built programs
     std::vector<std::string> wrapper;  // before the emulator, e.g. {"unshare", "-m", "--"}
