@@ -216,12 +216,11 @@ TEST(EnvironmentReport, RacingFirstCallersWaitForTheOneReportWhichLaterCallsDoNo
     qrvtest::LogCapture log;
     std::atomic<int> ready{0}, early{0};
     std::vector<std::thread> callers;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < 8; ++i)
         callers.emplace_back([&] {
             for (++ready; ready < 8;) std::this_thread::yield();
             early += CIpmEnv::Instance()->cpu.cpuType == En_CpuType::X86 || log.records().size() != 9;
         });
-    }
     for (std::thread& caller : callers) caller.join();
     EXPECT_EQ(early, 0) << "callers came back before the detection had finished";
     CIpmEnv* env = CIpmEnv::Instance();

@@ -17,17 +17,15 @@ std::vector<std::string> split(const char* text, char separator)
 {
     const std::string s = text != nullptr ? text : "";
     std::vector<std::string> parts;
-    for (size_t start = 0, end = 0; end != std::string::npos && !s.empty(); start = end + 1) {
+    for (size_t start = 0, end = 0; end != std::string::npos && !s.empty(); start = end + 1)
         parts.push_back(s.substr(start, (end = s.find(separator, start)) - start));
-    }
     return parts;
 }
 
 std::string setting(const std::string& key, const char* fallback = "")
 {
-    for (const std::string& item : split(std::getenv("QRV_STUB_CUDA"), ';')) {
+    for (const std::string& item : split(std::getenv("QRV_STUB_CUDA"), ';'))
         if (item.compare(0, key.size() + 1, key + "=") == 0) return item.substr(key.size() + 1);
-    }
     return fallback;
 }
 
