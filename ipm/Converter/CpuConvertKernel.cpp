@@ -74,7 +74,7 @@ int coveredPixels(int width)
 constexpr size_t kLongestCall = size_t{1} << 30;
 
 // Converts `pixels` packed pixels: the whole blocks through `row`, the rest
-// through scratch blocks, so nothing beyond the pixels is read or written.
+// through a scratch block, so nothing beyond the pixels is read or written.
 template <typename Row>
 void convertRun(const uint8_t* source, uint8_t* destination, size_t pixels, size_t sourceBytes,
                 size_t destinationBytes, int block, Row row)
@@ -113,7 +113,8 @@ void convertRows(const uint8_t* source, uint8_t* destination, int width, int hei
     const size_t sourceRow = sourceBytes * static_cast<size_t>(width);
     const size_t destinationRow = destinationBytes * static_cast<size_t>(width);
     for (int y = 0; y < height; ++y, source += sourceRow, destination += destinationRow) {
-        convertRun(source, destination, static_cast<size_t>(covered), sourceBytes, destinationBytes, block, row);
+        convertRun(source, destination, static_cast<size_t>(covered), sourceBytes, destinationBytes, block,
+                   row);
     }
 }
 
