@@ -6,6 +6,7 @@
 // machine. This file is built for the baseline of its target.
 #include "Converter/CpuConvertKernel.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -68,26 +69,52 @@ int coveredPixels(int width)
     return width <= 0 ? 0 : width / 8 * 8 + (width % 8 == 4 ? 4 : 0);
 }
 
-// Runs `row` over the whole blocks of each row; the covered pixels after them
-// go through scratch blocks, so nothing beyond the row is read or written.
+// The most pixels handed to one call of a row function, which counts them in an
+// int; a multiple of every block.
+constexpr size_t kLongestCall = size_t{1} << 30;
+
+// Converts `pixels` packed pixels: the whole blocks through `row`, the rest
+// through a scratch block, so nothing beyond the pixels is read or written.
+template <typename Row>
+void convertRun(const uint8_t* source, uint8_t* destination, size_t pixels, size_t sourceBytes,
+                size_t destinationBytes, int block, Row row)
+{
+    const size_t whole = pixels / block * block;
+    for (size_t done = 0; done < whole;) {
+        const size_t part = std::min(whole - done, kLongestCall);
+        row(source + sourceBytes * done, destination + destinationBytes * done, static_cast<int>(part));
+        done += part;
+    }
+    const size_t rest = pixels - whole;
+    if (rest > 0) {
+        uint8_t scratchIn[3 * kLargestBlock] = {};
+        uint8_t scratchOut[3 * kLargestBlock];
+        std::memcpy(scratchIn, source + sourceBytes * whole, sourceBytes * rest);
+        row(scratchIn, scratchOut, block);
+        std::memcpy(destination + destinationBytes * whole, scratchOut, destinationBytes * rest);
+    }
+}
+
+// When every pixel of a row is covered, the packed rows follow one another
+// without a gap and each pixel's result depends on that pixel (or its YUV
+// pair) alone, so the frame is converted as one run: the row function's
+// set-up and the scratch blocks then come once per frame instead of once per
+// row, and the unrolled loops run across row ends.
 template <typename Row>
 void convertRows(const uint8_t* source, uint8_t* destination, int width, int height, size_t sourceBytes,
                  size_t destinationBytes, int block, Row row)
 {
     const int covered = coveredPixels(width);
-    const int whole = covered / block * block;
-    const size_t rest = static_cast<size_t>(covered - whole);
+    if (covered == width) {
+        convertRun(source, destination, static_cast<size_t>(width) * static_cast<size_t>(height), sourceBytes,
+                   destinationBytes, block, row);
+        return;
+    }
     const size_t sourceRow = sourceBytes * static_cast<size_t>(width);
     const size_t destinationRow = destinationBytes * static_cast<size_t>(width);
     for (int y = 0; y < height; ++y, source += sourceRow, destination += destinationRow) {
-        if (whole > 0) row(source, destination, whole);
-        if (rest > 0) {
-            uint8_t scratchIn[3 * kLargestBlock] = {};
-            uint8_t scratchOut[3 * kLargestBlock];
-            std::memcpy(scratchIn, source + sourceBytes * whole, sourceBytes * rest);
-            row(scratchIn, scratchOut, block);
-            std::memcpy(destination + destinationBytes * whole, scratchOut, destinationBytes * rest);
-        }
+        convertRun(source, destination, static_cast<size_t>(covered), sourceBytes, destinationBytes, block,
+                   row);
     }
 }
 

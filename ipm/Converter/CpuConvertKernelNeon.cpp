@@ -228,6 +228,20 @@ inline void yuvBlock16(const uint8_t* source, uint8_t* destination, uint8x16_t g
     vst3q_u8(destination, pixels);
 }
 
+// Sixteen pixels; moves both pointers past them. The empty asm statement
+// makes each block start from the pointers the previous one left, so that the
+// loads and the store move their pointer themselves (post-indexed addressing
+// on aarch64): otherwise GCC gives each block of an unrolled loop its own
+// address register, 5 instructions more per 64 pixels, since the
+// de-interleaving load takes no offset.
+inline void grayBlock16(const uint8_t*& source, uint8_t*& destination, const GrayWeights& weights)
+{
+    vst1q_u8(destination, weighGray16(loadPlanes16(source), weights));
+    source += 48;
+    destination += 16;
+    __asm__("" : "+r"(source), "+r"(destination));
+}
+
 template <bool Swap>
 void yuvBlocks(const uint8_t* source, uint8_t* destination, int pixels, uint8x16_t gather)
 {
@@ -256,10 +270,18 @@ void yuv422ToRgb888Row(const uint8_t* source, uint8_t* destination, int pixels, 
 void rgb888ToGray8Row(const uint8_t* source, uint8_t* destination, int pixels, bool bgr)
 {
     const GrayWeights weights = grayWeights(bgr ? 29 : 77, bgr ? 77 : 29);
-    for (const uint8_t* end = source + 3 * static_cast<size_t>(pixels); source != end;
-         source += 48, destination += 16) {
-        vst1q_u8(destination, weighGray16(loadPlanes16(source), weights));
+    // A block is 10 instructions on aarch64 and an iteration adds 2 (compare
+    // and branch): four blocks an iteration bring the loop's share from 1/6 to 1/21.
+    const size_t count = static_cast<size_t>(pixels);
+    const uint8_t* const fours = source + 3 * (count / 64 * 64);
+    const uint8_t* const end = source + 3 * count;
+    while (source != fours) {
+        grayBlock16(source, destination, weights);
+        grayBlock16(source, destination, weights);
+        grayBlock16(source, destination, weights);
+        grayBlock16(source, destination, weights);
     }
+    while (source != end) grayBlock16(source, destination, weights);
 }
 
 }  // namespace qrv_kernel::neon
