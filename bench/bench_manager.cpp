@@ -143,8 +143,8 @@ void measureLatency(Pipeline& pipeline, QRV_Image& frame, int frames, std::vecto
 bool sustains(Pipeline& pipeline, QRV_Image& frame, double framesPerSecond, int frames, int& firstTag)
 {
     const int reportedBefore = pipeline.clock.reported();
-    const auto period = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(1.0 / framesPerSecond));
+    const auto period =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / framesPerSecond));
     Clock::time_point next = Clock::now();
     for (int i = 0; i < frames; ++i) {
         std::this_thread::sleep_until(next);
@@ -167,8 +167,9 @@ int main(int argc, char** argv)
 {
     const int frames = argc > 1 ? std::max(10, std::atoi(argv[1])) : 200;
     CIpmFuncTable* table = CIpmFuncTable::Instance();
-    table->registerFunc(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kTrivialIndex,
-                        [](const QRV_Image*, QRV_Image*, void*, void*) { return 1; }, L"does nothing");
+    table->registerFunc(
+        EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kTrivialIndex,
+        [](const QRV_Image*, QRV_Image*, void*, void*) { return 1; }, L"does nothing");
     QRV_Image frame = makeFrame(kWidth, kHeight, En_ImageFormat::YUV422_8);
 
     // The list without a manager: the two conversions back to back.
@@ -223,9 +224,10 @@ int main(int argc, char** argv)
     const Spread directSpread = spreadOf(direct);
     const Spread copySpread = spreadOf(copies);
     const Spread handOverSpread = spreadOf(handOver);
-    std::printf("1920x1080 YUYV, list [YUV422 -> RGB888 (CPU Parallel), RGB888 -> Gray8 (CPU Parallel)], "
-                "%d frames per row\n\n",
-                frames);
+    std::printf(
+        "1920x1080 YUYV, list [YUV422 -> RGB888 (CPU Parallel), RGB888 -> Gray8 (CPU Parallel)], "
+        "%d frames per row\n\n",
+        frames);
     std::printf("| measurement | median (us) | 99th percentile (us) |\n|---|---|---|\n");
     printRow("list run directly through process", directSpread);
     printRow("one 4 MB frame copy, cache-hot", copySpread);

@@ -118,13 +118,10 @@ gboolean answerCapsQuery(GstIpmProcess* element, GstPad* pad, GstQuery* query)
 gboolean padQuery(GstPad* pad, GstObject* parent, GstQuery* query)
 {
     switch (GST_QUERY_TYPE(query)) {
-        case GST_QUERY_CAPS:
-            return answerCapsQuery(self(parent), pad, query);
-        // Downstream's buffers are for the output format, not for the frames.
-        case GST_QUERY_ALLOCATION:
-            return FALSE;
-        default:
-            return gst_pad_query_default(pad, parent, query);
+    case GST_QUERY_CAPS: return answerCapsQuery(self(parent), pad, query);
+    // Downstream's buffers are for the output format, not for the frames.
+    case GST_QUERY_ALLOCATION: return FALSE;
+    default: return gst_pad_query_default(pad, parent, query);
     }
 }
 
@@ -191,28 +188,27 @@ gboolean sinkEvent(GstPad* pad, GstObject* parent, GstEvent* event)
     if (stage && GST_EVENT_IS_SERIALIZED(event) && GST_EVENT_TYPE(event) != GST_EVENT_FLUSH_STOP)
         stage->drain();
     switch (GST_EVENT_TYPE(event)) {
-        case GST_EVENT_CAPS: {
-            GstCaps* caps;
-            gst_event_parse_caps(event, &caps);
-            const gboolean accepted = setCaps(element, caps);
-            gst_event_unref(event);
-            return accepted;
+    case GST_EVENT_CAPS: {
+        GstCaps* caps;
+        gst_event_parse_caps(event, &caps);
+        const gboolean accepted = setCaps(element, caps);
+        gst_event_unref(event);
+        return accepted;
+    }
+    case GST_EVENT_SEGMENT:
+        if (stage) {
+            const GstSegment* segment;
+            gst_event_parse_segment(event, &segment);
+            stage->setSegment(*segment);
         }
-        case GST_EVENT_SEGMENT:
-            if (stage) {
-                const GstSegment* segment;
-                gst_event_parse_segment(event, &segment);
-                stage->setSegment(*segment);
-            }
-            break;
-        case GST_EVENT_FLUSH_START:
-            if (stage) stage->setFlushing();
-            break;
-        case GST_EVENT_FLUSH_STOP:
-            if (stage) stage->restartAfterFlush();
-            break;
-        default:
-            break;
+        break;
+    case GST_EVENT_FLUSH_START:
+        if (stage) stage->setFlushing();
+        break;
+    case GST_EVENT_FLUSH_STOP:
+        if (stage) stage->restartAfterFlush();
+        break;
+    default: break;
     }
     return gst_pad_event_default(pad, parent, event);
 }
@@ -237,30 +233,29 @@ GstStateChangeReturn changeState(GstElement* object, GstStateChange transition)
     GstIpmProcess* element = self(GST_OBJECT(object));
     ElementState& state = *element->state;
     switch (transition) {
-        case GST_STATE_CHANGE_NULL_TO_READY: {
-            std::unique_lock<std::mutex> lock(state.lock);
-            std::string error;
-            if (!StepList::parse(state.stepsText, state.outputStep, state.list, error)) {
-                lock.unlock();
-                GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS, ("%s", error.c_str()), (nullptr));
-                return GST_STATE_CHANGE_FAILURE;
-            }
-            break;
+    case GST_STATE_CHANGE_NULL_TO_READY: {
+        std::unique_lock<std::mutex> lock(state.lock);
+        std::string error;
+        if (!StepList::parse(state.stepsText, state.outputStep, state.list, error)) {
+            lock.unlock();
+            GST_ELEMENT_ERROR(element, LIBRARY, SETTINGS, ("%s", error.c_str()), (nullptr));
+            return GST_STATE_CHANGE_FAILURE;
         }
-        case GST_STATE_CHANGE_READY_TO_PAUSED: {
-            std::lock_guard<std::mutex> lock(state.lock);
-            state.streamStarted = false;
-            state.capsRefused = false;
-            state.counters.processed = 0;
-            state.counters.dropped = 0;
-            break;
-        }
-        case GST_STATE_CHANGE_PAUSED_TO_READY:
-            // Releases a streaming thread waiting for a pass, so that the pads can deactivate.
-            if (const auto stage = currentStage(state)) stage->setFlushing();
-            break;
-        default:
-            break;
+        break;
+    }
+    case GST_STATE_CHANGE_READY_TO_PAUSED: {
+        std::lock_guard<std::mutex> lock(state.lock);
+        state.streamStarted = false;
+        state.capsRefused = false;
+        state.counters.processed = 0;
+        state.counters.dropped = 0;
+        break;
+    }
+    case GST_STATE_CHANGE_PAUSED_TO_READY:
+        // Releases a streaming thread waiting for a pass, so that the pads can deactivate.
+        if (const auto stage = currentStage(state)) stage->setFlushing();
+        break;
+    default: break;
     }
     const GstStateChangeReturn result =
         GST_ELEMENT_CLASS(gst_ipm_process_parent_class)->change_state(object, transition);
@@ -279,18 +274,13 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* spe
     ElementState& state = *self(GST_OBJECT(object))->state;
     std::lock_guard<std::mutex> lock(state.lock);
     switch (id) {
-        case PROP_STEPS:
-            state.stepsText = g_value_get_string(value) ? g_value_get_string(value) : "";
-            break;
-        case PROP_OUTPUT_STEP:
-            state.outputStep = g_value_get_int(value);
-            break;
-        case PROP_LEAKY:
-            state.leaky = g_value_get_boolean(value);
-            state.leakyGiven = true;
-            break;
-        default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    case PROP_STEPS: state.stepsText = g_value_get_string(value) ? g_value_get_string(value) : ""; break;
+    case PROP_OUTPUT_STEP: state.outputStep = g_value_get_int(value); break;
+    case PROP_LEAKY:
+        state.leaky = g_value_get_boolean(value);
+        state.leakyGiven = true;
+        break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
 }
 
@@ -299,23 +289,12 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* spec)
     ElementState& state = *self(GST_OBJECT(object))->state;
     std::lock_guard<std::mutex> lock(state.lock);
     switch (id) {
-        case PROP_STEPS:
-            g_value_set_string(value, state.stepsText.c_str());
-            break;
-        case PROP_OUTPUT_STEP:
-            g_value_set_int(value, state.outputStep);
-            break;
-        case PROP_LEAKY:
-            g_value_set_boolean(value, state.leaky);
-            break;
-        case PROP_PROCESSED:
-            g_value_set_uint64(value, state.counters.processed);
-            break;
-        case PROP_DROPPED:
-            g_value_set_uint64(value, state.counters.dropped);
-            break;
-        default:
-            G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+    case PROP_STEPS: g_value_set_string(value, state.stepsText.c_str()); break;
+    case PROP_OUTPUT_STEP: g_value_set_int(value, state.outputStep); break;
+    case PROP_LEAKY: g_value_set_boolean(value, state.leaky); break;
+    case PROP_PROCESSED: g_value_set_uint64(value, state.counters.processed); break;
+    case PROP_DROPPED: g_value_set_uint64(value, state.counters.dropped); break;
+    default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
     }
 }
 

@@ -16,14 +16,10 @@ namespace {
 En_YuvLayout layoutOf(GstVideoFormat format)
 {
     switch (format) {
-        case GST_VIDEO_FORMAT_UYVY:
-            return En_YuvLayout::UYVY;
-        case GST_VIDEO_FORMAT_YVYU:
-            return En_YuvLayout::YVYU;
-        case GST_VIDEO_FORMAT_VYUY:
-            return En_YuvLayout::VYUY;
-        default:
-            return En_YuvLayout::YUYV;
+    case GST_VIDEO_FORMAT_UYVY: return En_YuvLayout::UYVY;
+    case GST_VIDEO_FORMAT_YVYU: return En_YuvLayout::YVYU;
+    case GST_VIDEO_FORMAT_VYUY: return En_YuvLayout::VYUY;
+    default: return En_YuvLayout::YUYV;
     }
 }
 
@@ -40,12 +36,9 @@ void copyRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStri
 GstVideoFormat IpmStage::videoFormatOf(En_ImageFormat format)
 {
     switch (format) {
-        case En_ImageFormat::BGR888:
-            return GST_VIDEO_FORMAT_BGR;
-        case En_ImageFormat::Gray8:
-            return GST_VIDEO_FORMAT_GRAY8;
-        default:
-            return GST_VIDEO_FORMAT_RGB;
+    case En_ImageFormat::BGR888: return GST_VIDEO_FORMAT_BGR;
+    case En_ImageFormat::Gray8: return GST_VIDEO_FORMAT_GRAY8;
+    default: return GST_VIDEO_FORMAT_RGB;
     }
 }
 

@@ -73,8 +73,7 @@ public:
     // on every frame. The list and the callback may only change while no
     // worker runs.
     int addProcList(ipmcommon::EnProcessBackend backend, ipmcommon::EnIpmModule module, int index,
-                    qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1,
-                    void* user2);
+                    qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1, void* user2);
     void clearProcList();
     // An empty callback switches reporting off.
     void registerDisplayerCallback(DisplayerCallback callback);

@@ -10,7 +10,10 @@
 namespace ipm {
 namespace {
 
-constexpr bool bit(uint64_t value, int position) { return ((value >> position) & 1u) != 0; }
+constexpr bool bit(uint64_t value, int position)
+{
+    return ((value >> position) & 1u) != 0;
+}
 
 #if defined(__aarch64__)
 constexpr unsigned long kHwcapSve = 1ul << 22;

@@ -116,12 +116,13 @@ void CIpmEnv::writeCpuGpuStatus()
     IPM_LOG(Trace, L"\r\nGPU(s) : %zu device(s) detected", count);
     for (size_t i = 0; i < count; ++i) {
         const GpuInfo g = env->gpu.getGpu(i);
-        IPM_LOG(Trace,
-                L"\r\n#%d name=%ls | vendor=%ls | type=%ls | CUDA=%ls(%ls) | OpenCL=%ls(%ls) | OpenGL=%ls(%ls)",
-                g.index, widen(g.name).c_str(), widen(g.vendor).c_str(), typeWord(g.type),
-                stateWord(g.cudaState), versionText(g.cudaVersion).c_str(), stateWord(g.openCLState),
-                versionText(g.openCLVersion).c_str(), stateWord(g.openGLState),
-                versionText(g.openGLVersion).c_str());
+        IPM_LOG(
+            Trace,
+            L"\r\n#%d name=%ls | vendor=%ls | type=%ls | CUDA=%ls(%ls) | OpenCL=%ls(%ls) | OpenGL=%ls(%ls)",
+            g.index, widen(g.name).c_str(), widen(g.vendor).c_str(), typeWord(g.type), stateWord(g.cudaState),
+            versionText(g.cudaVersion).c_str(), stateWord(g.openCLState),
+            versionText(g.openCLVersion).c_str(), stateWord(g.openGLState),
+            versionText(g.openGLVersion).c_str());
     }
     const GpuInfo s = env->gpu.getSelected();
     if (s.index < 0) {
@@ -133,8 +134,9 @@ void CIpmEnv::writeCpuGpuStatus()
                 versionText(s.openCLVersion).c_str(), stateWord(env->gpu.selectedOpenGLState()),
                 versionText(env->gpu.getSelectedOpenGLVersion()).c_str());
     }
-    IPM_LOG(Trace, L"\r\n(Note) OpenGL probing is disabled. Call setSelectedOpenGLVersion() after creating a GL "
-                   L"context, or build with QRV_IPM_ENABLE_GL_PROBE to auto-detect.");
+    IPM_LOG(Trace,
+            L"\r\n(Note) OpenGL probing is disabled. Call setSelectedOpenGLVersion() after creating a GL "
+            L"context, or build with QRV_IPM_ENABLE_GL_PROBE to auto-detect.");
     IPM_LOG(Trace, L"\r\n========== IPM Environment End ==========");
 }
 

@@ -66,8 +66,8 @@ const std::vector<std::wstring>& CIpmFuncTable::getModuleNames()
 
 const std::vector<std::wstring>& CIpmFuncTable::getBackendNames()
 {
-    static const wchar_t* const kNames[] = {L"CPU Serial", L"CPU Parallel", L"GPU GL Compute",
-                                            L"GPU OpenCL", L"GPU CUDA"};
+    static const wchar_t* const kNames[] = {L"CPU Serial", L"CPU Parallel", L"GPU GL Compute", L"GPU OpenCL",
+                                            L"GPU CUDA"};
     static const std::vector<std::wstring> names(std::begin(kNames), std::end(kNames));
     return names;
 }
@@ -102,8 +102,8 @@ int CIpmFuncTable::registerFunc(EnProcessBackend backend, EnIpmModule module, in
 }
 
 int CIpmFuncTable::process(EnProcessBackend backend, EnIpmModule module, int index,
-                           const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination,
-                           void* user1, void* user2) const
+                           const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1,
+                           void* user2) const
 {
     ensureInitialized_();
     if (!isValidBackendIndex_(static_cast<int>(backend))) return result::BadBackend;

@@ -24,15 +24,13 @@ public:
     // module, in that order. A later registration under the same coordinates
     // replaces the earlier one. Safe against concurrent registrations, but not
     // against a concurrent process() or getAlgorithmList().
-    int registerFunc(EnProcessBackend backend, EnIpmModule module, int index, IpmFn func,
-                     std::wstring name);
+    int registerFunc(EnProcessBackend backend, EnIpmModule module, int index, IpmFn func, std::wstring name);
 
     // Runs the function registered under (backend, module, index) and returns
     // its result unchanged; 2, 3, 8, 4 or 7 when the call cannot be made, 9
     // when the function throws. Takes no lock.
-    int process(EnProcessBackend backend, EnIpmModule module, int index,
-                const qrv_img::QRV_Image* source, qrv_img::QRV_Image* destination, void* user1,
-                void* user2) const;
+    int process(EnProcessBackend backend, EnIpmModule module, int index, const qrv_img::QRV_Image* source,
+                qrv_img::QRV_Image* destination, void* user1, void* user2) const;
 
     // (index, display name) of every function under backend and module, in the
     // table's own order; empty for bad coordinates.

@@ -201,13 +201,15 @@ En_ApiState CIpmGpuEnv::selectedCudaState() const
 En_ApiState CIpmGpuEnv::selectedOpenCLState() const
 {
     std::lock_guard<std::mutex> lock(mtx_);
-    return hasValidSelection_() ? gpus_[static_cast<size_t>(selectedIndex_)].openCLState : En_ApiState::Unknown;
+    return hasValidSelection_() ? gpus_[static_cast<size_t>(selectedIndex_)].openCLState
+                                : En_ApiState::Unknown;
 }
 
 En_ApiState CIpmGpuEnv::selectedOpenGLState() const
 {
     std::lock_guard<std::mutex> lock(mtx_);
-    return hasValidSelection_() ? gpus_[static_cast<size_t>(selectedIndex_)].openGLState : En_ApiState::Unknown;
+    return hasValidSelection_() ? gpus_[static_cast<size_t>(selectedIndex_)].openGLState
+                                : En_ApiState::Unknown;
 }
 
 void CIpmGpuEnv::Refresh()
@@ -264,7 +266,8 @@ void CIpmGpuEnv::enumerateGpusOS()
         if (fileName.compare(0, 4, "card") != 0) continue;
         const fs::path devicePath = entry.path() / "device";
         const fs::file_status deviceStatus = fs::status(devicePath);
-        if (deviceStatus.type() == fs::file_type::not_found || deviceStatus.type() == fs::file_type::unknown) {
+        if (deviceStatus.type() == fs::file_type::not_found ||
+            deviceStatus.type() == fs::file_type::unknown) {
             continue;
         }
         std::string vendorId;
@@ -325,8 +328,8 @@ void CIpmGpuEnv::probeCudaRuntime()
         if (deviceGet(&device, ordinal) != 0) continue;
         char name[kTextBuffer] = {};
         deviceGetName(name, static_cast<int>(kTextBuffer), device);
-        const int position = addOrMergeByKey(std::string(name, strnlen(name, kTextBuffer)), "NVIDIA",
-                                             En_GpuType::NVIDIA);
+        const int position =
+            addOrMergeByKey(std::string(name, strnlen(name, kTextBuffer)), "NVIDIA", En_GpuType::NVIDIA);
         GpuInfo& gpu = gpus_[static_cast<size_t>(position)];
         gpu.cudaState = En_ApiState::Available;
         gpu.cudaVersion = versionText;
@@ -342,8 +345,9 @@ void CIpmGpuEnv::probeOpenCLRuntime()
     ClGetPlatformInfo getPlatformInfo = nullptr;
     ClGetDeviceIDs getDeviceIds = nullptr;
     ClGetDeviceInfo getDeviceInfo = nullptr;
-    if (!openCL.find("clGetPlatformIDs", getPlatformIds) || !openCL.find("clGetPlatformInfo", getPlatformInfo) ||
-        !openCL.find("clGetDeviceIDs", getDeviceIds) || !openCL.find("clGetDeviceInfo", getDeviceInfo)) {
+    if (!openCL.find("clGetPlatformIDs", getPlatformIds) ||
+        !openCL.find("clGetPlatformInfo", getPlatformInfo) || !openCL.find("clGetDeviceIDs", getDeviceIds) ||
+        !openCL.find("clGetDeviceInfo", getDeviceInfo)) {
         return;
     }
     uint32_t platformCount = 0;
@@ -353,7 +357,7 @@ void CIpmGpuEnv::probeOpenCLRuntime()
 
     // Texts are received in zeroed buffers; one byte more than the runtime may
     // fill keeps them terminated whatever it writes.
-    auto text = [](const char (&buffer)[kTextBuffer + 1]) { return std::string(buffer); };
+    auto text = [](const char(&buffer)[kTextBuffer + 1]) { return std::string(buffer); };
     for (uint32_t p = 0; p < platformCount; ++p) {
         char platformVersion[kTextBuffer + 1] = {};
         getPlatformInfo(platforms[p], kClPlatformVersion, kTextBuffer, platformVersion, nullptr);
@@ -363,7 +367,8 @@ void CIpmGpuEnv::probeOpenCLRuntime()
             continue;
         }
         std::vector<ClDeviceId> devices(deviceCount, nullptr);
-        if (getDeviceIds(platforms[p], kClDeviceTypeAll, deviceCount, devices.data(), nullptr) != kClSuccess) {
+        if (getDeviceIds(platforms[p], kClDeviceTypeAll, deviceCount, devices.data(), nullptr) !=
+            kClSuccess) {
             continue;
         }
         for (uint32_t d = 0; d < deviceCount; ++d) {

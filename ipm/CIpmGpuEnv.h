@@ -29,9 +29,9 @@ enum class En_ApiState : int32_t {
 };
 
 struct GpuInfo {
-    int32_t index = -1;        // position in the list
-    std::string name;          // as the source that created the record reported it
-    std::string vendor;        // "NVIDIA", "Intel", "AMD" or "Unknown"
+    int32_t index = -1;  // position in the list
+    std::string name;    // as the source that created the record reported it
+    std::string vendor;  // "NVIDIA", "Intel", "AMD" or "Unknown"
     En_GpuType type = En_GpuType::None;
     En_ApiState cudaState = En_ApiState::Unknown;
     En_ApiState openCLState = En_ApiState::Unknown;
@@ -55,7 +55,7 @@ public:
     size_t getGpuCount() const;
     GpuInfo getGpu(size_t index) const;  // a fresh record when out of range
     int getSelectedIndex() const;
-    GpuInfo getSelected() const;         // a fresh record without a valid selection
+    GpuInfo getSelected() const;  // a fresh record without a valid selection
     bool selectByNameSubstring(const std::string& text, bool preferCuda);
     bool selectByCudaIndex(int cudaIndex);
     bool selectByOpenCL(int platform, int device);

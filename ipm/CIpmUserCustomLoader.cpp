@@ -41,10 +41,13 @@ bool interfaceMatches(void* handle, const std::string& candidate)
 {
     const auto* info = static_cast<const IpmUserCustomInfo*>(dlsym(handle, "ipm_user_custom_info"));
     if (info == nullptr) return true;
-    if (info->abiVersion == IPM_USER_CUSTOM_ABI_VERSION && info->algEntrySize == sizeof(AlgEntry)) return true;
-    IPM_LOG(Warning, L"interface mismatch in %hs: version %u, record size %u (this library: version %u, record size %u)",
-            candidate.c_str(), info->abiVersion, info->algEntrySize, IPM_USER_CUSTOM_ABI_VERSION,
-            static_cast<uint32_t>(sizeof(AlgEntry)));
+    if (info->abiVersion == IPM_USER_CUSTOM_ABI_VERSION && info->algEntrySize == sizeof(AlgEntry))
+        return true;
+    IPM_LOG(
+        Warning,
+        L"interface mismatch in %hs: version %u, record size %u (this library: version %u, record size %u)",
+        candidate.c_str(), info->abiVersion, info->algEntrySize, IPM_USER_CUSTOM_ABI_VERSION,
+        static_cast<uint32_t>(sizeof(AlgEntry)));
     return false;
 }
 

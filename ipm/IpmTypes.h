@@ -50,7 +50,7 @@ enum class EnIpmModule : int32_t {
 
 // Result codes shared by the whole library.
 namespace result {
-inline constexpr int NoSimd = 0;          // the processor lacks the SIMD level the kernels need
+inline constexpr int NoSimd = 0;  // the processor lacks the SIMD level the kernels need
 inline constexpr int Success = 1;
 inline constexpr int BadBackend = 2;      // backend outside 0 to 4
 inline constexpr int BadModule = 3;       // module outside 0 to 3
@@ -58,9 +58,9 @@ inline constexpr int NoFunction = 4;      // nothing registered under the index;
 inline constexpr int BadSize = 5;         // bad image size (parallel converters)
 inline constexpr int FormatMismatch = 6;  // format mismatch or missing destination (parallel converters)
 inline constexpr int EmptyFunction = 7;
-inline constexpr int MissingImage = 8;    // null image or missing pixel data
-inline constexpr int Mismatch = 9;        // format or size mismatch (serial converters)
-inline constexpr int FunctionThrew = 9;   // the processing function raised an exception
+inline constexpr int MissingImage = 8;   // null image or missing pixel data
+inline constexpr int Mismatch = 9;       // format or size mismatch (serial converters)
+inline constexpr int FunctionThrew = 9;  // the processing function raised an exception
 }  // namespace result
 
 }  // namespace ipmcommon

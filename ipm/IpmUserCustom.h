@@ -95,7 +95,7 @@ IPM_USER_CUSTOM_EXPORT void ipm_user_custom_unregister();
 IPM_USER_CUSTOM_EXPORT extern const IpmUserCustomInfo ipm_user_custom_info;
 }
 
-#define IPM_USER_CUSTOM_DEFINE_INFO()                                  \
+#define IPM_USER_CUSTOM_DEFINE_INFO()                                                  \
     extern "C" IPM_USER_CUSTOM_EXPORT const IpmUserCustomInfo ipm_user_custom_info = { \
         IPM_USER_CUSTOM_ABI_VERSION, static_cast<uint32_t>(sizeof(AlgEntry))}
 

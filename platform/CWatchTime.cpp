@@ -12,8 +12,7 @@ void CWatchTime::stop()
         return;
     }
     running_ = false;
-    last_ = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin_)
-                .count();
+    last_ = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin_).count();
     total_ += last_;
     if (last_ > max_) {
         max_ = last_;
@@ -21,10 +20,22 @@ void CWatchTime::stop()
     ++count_;
 }
 
-double CWatchTime::lastMicros() const { return last_; }
+double CWatchTime::lastMicros() const
+{
+    return last_;
+}
 
-double CWatchTime::meanMicros() const { return count_ ? total_ / static_cast<double>(count_) : 0.0; }
+double CWatchTime::meanMicros() const
+{
+    return count_ ? total_ / static_cast<double>(count_) : 0.0;
+}
 
-double CWatchTime::maxMicros() const { return max_; }
+double CWatchTime::maxMicros() const
+{
+    return max_;
+}
 
-uint64_t CWatchTime::count() const { return count_; }
+uint64_t CWatchTime::count() const
+{
+    return count_;
+}

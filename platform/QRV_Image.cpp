@@ -16,8 +16,7 @@ size_t bytesPerPixel(En_ImageFormat format)
     }
 }
 
-QRV_Image::QRV_Image(unsigned int w, unsigned int h, En_ImageFormat fmt, bool allocate,
-                     unsigned int planes)
+QRV_Image::QRV_Image(unsigned int w, unsigned int h, En_ImageFormat fmt, bool allocate, unsigned int planes)
     : width(w), height(h), format(fmt)
 {
     if (planes != 1) {

@@ -127,9 +127,12 @@ std::wstring formatInteger(uintmax_t magnitude, bool negative, int base, bool up
         }
     }
     std::string prefix;
-    if (negative) prefix = "-";
-    else if (base == 10 && spec.plus) prefix = "+";
-    else if (base == 10 && spec.space) prefix = " ";
+    if (negative)
+        prefix = "-";
+    else if (base == 10 && spec.plus)
+        prefix = "+";
+    else if (base == 10 && spec.space)
+        prefix = " ";
     if (spec.alt && magnitude != 0) {
         if (base == 16) prefix += upper ? "0X" : "0x";
         if (base == 8 && (body.empty() || body[0] != '0')) body.insert(0, "0");
@@ -145,11 +148,12 @@ std::wstring formatFloating(long double value, wchar_t conversion, const Spec& s
     if (conversion == L'e' || conversion == L'E') style = std::chars_format::scientific;
     if (conversion == L'g' || conversion == L'G') style = std::chars_format::general;
     char digits[512];
-    auto result = std::to_chars(digits, digits + sizeof digits, static_cast<double>(value), style,
-                                precision);
+    auto result = std::to_chars(digits, digits + sizeof digits, static_cast<double>(value), style, precision);
     std::string body = result.ec == std::errc() ? std::string(digits, result.ptr) : std::string("?");
-    if (body[0] != '-' && spec.plus) body.insert(0, "+");
-    else if (body[0] != '-' && spec.space) body.insert(0, " ");
+    if (body[0] != '-' && spec.plus)
+        body.insert(0, "+");
+    else if (body[0] != '-' && spec.space)
+        body.insert(0, " ");
     if (conversion == L'E' || conversion == L'G') {
         for (char& c : body) {
             if (c == 'e') c = 'E';
@@ -202,12 +206,18 @@ std::wstring formatWide(const wchar_t* format, va_list args)
         }
         Spec spec;
         for (;; ++p) {
-            if (*p == L'-') spec.left = true;
-            else if (*p == L'+') spec.plus = true;
-            else if (*p == L' ') spec.space = true;
-            else if (*p == L'#') spec.alt = true;
-            else if (*p == L'0') spec.zero = true;
-            else break;
+            if (*p == L'-')
+                spec.left = true;
+            else if (*p == L'+')
+                spec.plus = true;
+            else if (*p == L' ')
+                spec.space = true;
+            else if (*p == L'#')
+                spec.alt = true;
+            else if (*p == L'0')
+                spec.zero = true;
+            else
+                break;
         }
         if (*p == L'*') {
             spec.width = va_arg(args, int);
@@ -243,15 +253,22 @@ std::wstring formatWide(const wchar_t* format, va_list args)
         case L'd':
         case L'i': {
             intmax_t value;
-            if (len == "ll") value = va_arg(args, long long);
-            else if (len == "l") value = va_arg(args, long);
-            else if (len == "z" || len == "t") value = va_arg(args, ptrdiff_t);
-            else if (len == "j") value = va_arg(args, intmax_t);
-            else if (len == "hh") value = static_cast<signed char>(va_arg(args, int));
-            else if (len == "h") value = static_cast<short>(va_arg(args, int));
-            else value = va_arg(args, int);
-            const uintmax_t magnitude = value < 0 ? uintmax_t(0) - static_cast<uintmax_t>(value)
-                                                  : static_cast<uintmax_t>(value);
+            if (len == "ll")
+                value = va_arg(args, long long);
+            else if (len == "l")
+                value = va_arg(args, long);
+            else if (len == "z" || len == "t")
+                value = va_arg(args, ptrdiff_t);
+            else if (len == "j")
+                value = va_arg(args, intmax_t);
+            else if (len == "hh")
+                value = static_cast<signed char>(va_arg(args, int));
+            else if (len == "h")
+                value = static_cast<short>(va_arg(args, int));
+            else
+                value = va_arg(args, int);
+            const uintmax_t magnitude =
+                value < 0 ? uintmax_t(0) - static_cast<uintmax_t>(value) : static_cast<uintmax_t>(value);
             pad(out, formatInteger(magnitude, value < 0, 10, false, spec), spec, spec.precision < 0);
             break;
         }
@@ -260,21 +277,28 @@ std::wstring formatWide(const wchar_t* format, va_list args)
         case L'X':
         case L'o': {
             uintmax_t value;
-            if (len == "ll") value = va_arg(args, unsigned long long);
-            else if (len == "l") value = va_arg(args, unsigned long);
-            else if (len == "z" || len == "t") value = va_arg(args, size_t);
-            else if (len == "j") value = va_arg(args, uintmax_t);
-            else if (len == "hh") value = static_cast<unsigned char>(va_arg(args, unsigned int));
-            else if (len == "h") value = static_cast<unsigned short>(va_arg(args, unsigned int));
-            else value = va_arg(args, unsigned int);
+            if (len == "ll")
+                value = va_arg(args, unsigned long long);
+            else if (len == "l")
+                value = va_arg(args, unsigned long);
+            else if (len == "z" || len == "t")
+                value = va_arg(args, size_t);
+            else if (len == "j")
+                value = va_arg(args, uintmax_t);
+            else if (len == "hh")
+                value = static_cast<unsigned char>(va_arg(args, unsigned int));
+            else if (len == "h")
+                value = static_cast<unsigned short>(va_arg(args, unsigned int));
+            else
+                value = va_arg(args, unsigned int);
             const int base = conversion == L'u' ? 10 : conversion == L'o' ? 8 : 16;
-            pad(out, formatInteger(value, false, base, conversion == L'X', spec), spec,
-                spec.precision < 0);
+            pad(out, formatInteger(value, false, base, conversion == L'X', spec), spec, spec.precision < 0);
             break;
         }
         case L'c': {
-            std::wstring body(1, len == "l" ? static_cast<wchar_t>(va_arg(args, wint_t))
-                                            : static_cast<wchar_t>(static_cast<unsigned char>(va_arg(args, int))));
+            std::wstring body(1, len == "l"
+                                     ? static_cast<wchar_t>(va_arg(args, wint_t))
+                                     : static_cast<wchar_t>(static_cast<unsigned char>(va_arg(args, int))));
             pad(out, body, spec, false);
             break;
         }
@@ -285,7 +309,8 @@ std::wstring formatWide(const wchar_t* format, va_list args)
                 body = text ? std::wstring(text) : std::wstring(L"(null)");
             } else {
                 const char* text = va_arg(args, const char*);
-                body = text ? decodeUtf8(text, std::char_traits<char>::length(text)) : std::wstring(L"(null)");
+                body =
+                    text ? decodeUtf8(text, std::char_traits<char>::length(text)) : std::wstring(L"(null)");
             }
             if (spec.precision >= 0 && body.size() > static_cast<size_t>(spec.precision)) {
                 body.resize(static_cast<size_t>(spec.precision));
@@ -310,9 +335,7 @@ std::wstring formatWide(const wchar_t* format, va_list args)
             pad(out, formatInteger(reinterpret_cast<uintptr_t>(pointer), false, 16, false, hex), spec, false);
             break;
         }
-        default:
-            out.append(start, p);
-            break;
+        default: out.append(start, p); break;
         }
     }
     return out;

@@ -166,16 +166,17 @@ TEST(IpmRun, ConvertsAPipeFromFfmpegAndAgreesWithIt)
         args.insert(args.begin(), {"ffmpeg", "-v", "error"});
         return qrvtest::runProcess(args, native).out;
     };
-    const std::string clip = ffmpeg({"-f", "lavfi", "-i", "testsrc2=size=160x90", "-frames:v", "7", "-pix_fmt",
-                                     "yuyv422", "-f", "rawvideo", "-"});
-    const std::string reference = ffmpeg(
-        {"-f", "rawvideo", "-pix_fmt", "yuyv422", "-s", "160x90", "-i", "-", "-pix_fmt", "rgb24", "-f", "rawvideo", "-"},
-        clip);
+    const std::string clip = ffmpeg({"-f", "lavfi", "-i", "testsrc2=size=160x90", "-frames:v", "7",
+                                     "-pix_fmt", "yuyv422", "-f", "rawvideo", "-"});
+    const std::string reference = ffmpeg({"-f", "rawvideo", "-pix_fmt", "yuyv422", "-s", "160x90", "-i", "-",
+                                          "-pix_fmt", "rgb24", "-f", "rawvideo", "-"},
+                                         clip);
     ASSERT_EQ(reference.size(), 7u * 160 * 90 * 3);
     qrvtest::ProcessOptions pipe;
     pipe.stdinText = clip;
     const auto run = qrvtest::runProcess(
-        {IPM_RUN, "--input", "-", "--size", "160x90", "--step", "CPU Serial/Converter/0", "--raw-out", "-"}, pipe);
+        {IPM_RUN, "--input", "-", "--size", "160x90", "--step", "CPU Serial/Converter/0", "--raw-out", "-"},
+        pipe);
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_NE(run.err.find("7 frames delivered"), std::string::npos) << run.err;
     ASSERT_EQ(run.out.size(), reference.size());

@@ -100,7 +100,8 @@ TEST(PluginLoader, SearchRefusalsAndTeardown)
             std::filesystem::create_directories(dir.path() + places[i]);
             const std::string target = dir.path() + places[i] + kPlugin;
             if (testCase[i] == 'N') qrvtest::writeFile(target, "not a shared object");
-            const std::map<char, const char*> builds = {{'P', TEST_PLUGIN}, {'S', UNREGISTER_ONLY}, {'A', OTHER_ABI}};
+            const std::map<char, const char*> builds = {
+                {'P', TEST_PLUGIN}, {'S', UNREGISTER_ONLY}, {'A', OTHER_ABI}};
             if (builds.count(testCase[i]) != 0) std::filesystem::copy_file(builds.at(testCase[i]), target);
         }
         qrvtest::ProcessOptions options;
@@ -109,7 +110,8 @@ TEST(PluginLoader, SearchRefusalsAndTeardown)
         EXPECT_EQ(child.exitCode, 0) << child.out << child.err;
         // A plug-in of another interface version is closed during the search, before register was called.
         const std::string refused = testCase[0] == 'A' ? "fini 0\n" : "";
-        const std::string teardown = refused + (testCase.find(" L") == std::string::npos ? "" : "unregister\nfini 0\n");
+        const std::string teardown =
+            refused + (testCase.find(" L") == std::string::npos ? "" : "unregister\nfini 0\n");
         EXPECT_EQ(qrvtest::readFile(dir.file("trace")),
                   teardown + (testCase.find(" T") != std::string::npos ? "after 7\n" : "after 4\n"));
     }

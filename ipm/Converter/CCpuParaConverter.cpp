@@ -55,14 +55,10 @@ int checkImagesForKernel(const QRV_Image& source, const QRV_Image& destination)
 int layoutIndex(int32_t yuvLayout)
 {
     switch (static_cast<qrv_img::En_YuvLayout>(yuvLayout)) {
-    case qrv_img::En_YuvLayout::UYVY:
-        return 1;
-    case qrv_img::En_YuvLayout::YVYU:
-        return 2;
-    case qrv_img::En_YuvLayout::VYUY:
-        return 3;
-    default:
-        return 0;
+    case qrv_img::En_YuvLayout::UYVY: return 1;
+    case qrv_img::En_YuvLayout::YVYU: return 2;
+    case qrv_img::En_YuvLayout::VYUY: return 3;
+    default: return 0;
     }
 }
 

@@ -11,6 +11,6 @@
 #error "define IPM_LOG_FILE before including IpmLog.h"
 #endif
 
-#define IPM_LOG(level, ...)                                                                        \
-    ::qrvlog::QRV_Log::Instance()->writeLog(::qrvlog::LogLevel::level, IPM_LOG_FILE, __LINE__,       \
+#define IPM_LOG(level, ...)                                                                    \
+    ::qrvlog::QRV_Log::Instance()->writeLog(::qrvlog::LogLevel::level, IPM_LOG_FILE, __LINE__, \
                                             __PRETTY_FUNCTION__, __VA_ARGS__)

@@ -51,8 +51,8 @@ class QRV_Log {
 public:
     static QRV_Log* Instance();
 
-    void writeLog(LogLevel level, const char* file, int line, const char* function,
-                  const wchar_t* format, ...);
+    void writeLog(LogLevel level, const char* file, int line, const char* function, const wchar_t* format,
+                  ...);
 
     // Every later record goes to sink; an empty sink restores the default.
     // The sink is called on the logging thread, possibly from several threads

@@ -36,7 +36,8 @@ struct Tracked {
 }  // namespace
 
 #ifdef QRV_TEST_OTHER_ABI  // a plug-in built against another version of the interface
-extern "C" IPM_USER_CUSTOM_EXPORT const IpmUserCustomInfo ipm_user_custom_info = {IPM_USER_CUSTOM_ABI_VERSION + 1, 0};
+extern "C" IPM_USER_CUSTOM_EXPORT const IpmUserCustomInfo ipm_user_custom_info = {
+    IPM_USER_CUSTOM_ABI_VERSION + 1, 0};
 #endif
 
 #ifndef QRV_TEST_UNREGISTER_ONLY  // else a library of the plug-in's name with unregister alone

@@ -143,8 +143,8 @@ ProcessResult runSelf(const ProcessOptions& options, const std::string& copyInto
         program = copy;
     }
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::vector<std::string> argv = {program, std::string("--gtest_filter=") + test->test_suite_name() + "." +
-                                                  test->name()};
+    std::vector<std::string> argv = {
+        program, std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()};
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     ProcessOptions childOptions = options;
     childOptions.env.emplace_back(kChildVariable, "1");

@@ -190,8 +190,8 @@ bool Options::parse(const std::vector<std::string>& args, Options& out, std::str
     if (options.input.empty() && !options.framesGiven) options.frames = kSyntheticDefaultFrames;
     // A pipe delivers as fast as its writer: pacing it would only stall the writer.
     if (options.input == "-" && !fpsGiven) options.fps = 0.0;
-    options.lossless = deliveryFlag.empty() ? !options.input.empty() && options.fps == 0.0
-                                            : deliveryFlag == "--lossless";
+    options.lossless =
+        deliveryFlag.empty() ? !options.input.empty() && options.fps == 0.0 : deliveryFlag == "--lossless";
     out = std::move(options);
     return true;
 }

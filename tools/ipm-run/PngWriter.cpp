@@ -54,9 +54,9 @@ bool PngWriter::write(std::FILE* file, const qrv_img::QRV_Image& image, std::str
         pixels = rgb.data();
     }
     Output output{file, false};
-    const int written =
-        stbi_write_png_to_func(writeBytes, &output, static_cast<int>(image.width), static_cast<int>(image.height),
-                               channels, pixels, static_cast<int>(image.rowBytes()));
+    const int written = stbi_write_png_to_func(writeBytes, &output, static_cast<int>(image.width),
+                                               static_cast<int>(image.height), channels, pixels,
+                                               static_cast<int>(image.rowBytes()));
     if (written == 0 || output.failed) {
         error = "the PNG encoder could not write the picture";
         return false;

@@ -62,8 +62,10 @@ bool RawYuvReader::nextFrame(qrv_img::QRV_Image& frame)
     const size_t got = std::fread(frame.pixels(), 1, want, file_.get());
     if (path_ == "-" && !std::ferror(file_.get()) && got < want) {
         if (got != 0) {
-            std::fprintf(stderr, "ipm-run: warning: standard input ended %zu bytes into frame %llu, which is skipped\n",
-                         got, static_cast<unsigned long long>(framesRead_));
+            std::fprintf(
+                stderr,
+                "ipm-run: warning: standard input ended %zu bytes into frame %llu, which is skipped\n", got,
+                static_cast<unsigned long long>(framesRead_));
         }
         return false;
     }

@@ -320,8 +320,8 @@ int Runner::run(const Options& options)
     if (saver && !saveLastPictures(plan, stats, *saver, summary)) status = kRunError;
     if (rawOutput && rawWriteError == 0 && std::fflush(rawOutput.get()) != 0) rawWriteError = errno;
     if (rawWriteError != 0) {
-        summary.notes.push_back("writing the raw output '" + options.rawOut + "' failed: " +
-                                std::strerror(rawWriteError));
+        summary.notes.push_back("writing the raw output '" + options.rawOut +
+                                "' failed: " + std::strerror(rawWriteError));
         status = kRunError;
     }
     if (outDir) {
