@@ -29,7 +29,7 @@ bool inChild(bool withTree, const Env& env = {{"LD_LIBRARY_PATH", CUDA_STUB_DIR 
     Strings tree = {"unshare",  "-m", "--", "sh", "-c", "mount --bind $0 /sys/class && exec \"$@\"",
                     root.path()};
     if (!withTree) tree.clear();
-    const auto child = qrvtest::runSelf({env, "", std::chrono::seconds(90), true, tree, ""});
+    const auto child = qrvtest::runSelf({env, std::chrono::seconds(90), true, tree, ""});
     if (withTree && child.out.empty())
         [&] { GTEST_SKIP() << "no fake /sys/class (unshare -m): " << child.err; }();
     EXPECT_TRUE(child.exitCode == 0 || (withTree && child.out.empty())) << child.out << child.err;
