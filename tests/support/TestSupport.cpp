@@ -21,27 +21,14 @@ extern char** environ;
 
 namespace qrvtest {
 
-namespace {
-
 constexpr const char* kChildVariable = "QRV_TEST_CHILD";
-
-std::vector<std::string> emulatorCommand()
-{
-    std::vector<std::string> words;
-    const char* text = std::getenv("QRV_TEST_EMULATOR");
-    std::istringstream stream(text != nullptr ? text : "");
-    for (std::string word; stream >> word;) words.push_back(word);
-    return words;
-}
-
-}  // namespace
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOptions& options)
 {
     std::vector<std::string> command = options.wrapper;
-    if (options.useEmulator) {
-        for (auto& word : emulatorCommand()) command.push_back(word);
-    }
+    const char* emulator = std::getenv("QRV_TEST_EMULATOR");  // the cross build's, words separated by spaces
+    std::istringstream words(options.useEmulator && emulator != nullptr ? emulator : "");
+    for (std::string word; words >> word;) command.push_back(word);
     command.insert(command.end(), argv.begin(), argv.end());
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -115,8 +102,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
         if (fd.fd >= 0) close(fd.fd);
     }
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
     writer.join();
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
