@@ -144,6 +144,7 @@ TEST_P(IpmRunClip, PicturesEqualTheLibrarysOutputAndTheSummaryCountsTheRun)
     EXPECT_EQ(passes, frames) << "converting a file is lossless";
     EXPECT_EQ(listed.size(), saved.size() * succeeding) << "pictures of no successful step of a frame";
     EXPECT_EQ(saved.size(), defaults ? 1 : passes);
+    if (defaults) EXPECT_EQ(summary["notes"], json::array()) << "a run without failures has nothing to note";
     EXPECT_EQ(saved.count(frames - 1), 1u) << "the last frame is always processed and saved";
 }
 
@@ -208,6 +209,7 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--list"}, 0, "\n  CPU Serial/User_Custom/1  Threshold (Gray8)\n"},
         {{"--size", "8x2", "--frames", "3", "--fps", "0"}, 0, "synthetic camera, 8x2 YUYV\n  3 frames"},
         {{"--log-level", "2", "--list"}, 0, "dlopen fail: "},
+        {{"--lossless", "--leaky"}, 2, "--lossless and --leaky exclude each other"},
         {{"--frobnicate"}, 2, "unknown option '--frobnicate'"},
         {{"--size", "0x4"}, 2, "bad size '0x4'"},
         {{"--size", "4x0"}, 2, "bad size '4x0'"},
