@@ -207,7 +207,9 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         std::string says;
     } cases[] = {
         {{"--list"}, 0, "\n  CPU Serial/User_Custom/1  Threshold (Gray8)\n"},
-        {{"--size", "8x2", "--frames", "3", "--fps", "0"}, 0, "synthetic camera, 8x2 YUYV\n  3 frames"},
+        {{"--size", "8x2", "--frames", "3", "--fps", "0", "--lossless"},
+         0,
+         "synthetic camera, 8x2 YUYV\n  3 frames"},
         {{"--log-level", "2", "--list"}, 0, "dlopen fail: "},
         {{"--lossless", "--leaky"}, 2, "--lossless and --leaky exclude each other"},
         {{"--frobnicate"}, 2, "unknown option '--frobnicate'"},
