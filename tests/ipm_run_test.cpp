@@ -212,6 +212,7 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
          "synthetic camera, 8x2 YUYV\n  3 frames"},
         {{"--log-level", "2", "--list"}, 0, "dlopen fail: "},
         {{"--lossless", "--leaky"}, 2, "--lossless and --leaky exclude each other"},
+        {{"--step"}, 2, "option --step needs a value"},
         {{"--frobnicate"}, 2, "unknown option '--frobnicate'"},
         {{"--size", "0x4"}, 2, "bad size '0x4'"},
         {{"--size", "4x0"}, 2, "bad size '4x0'"},
