@@ -1,5 +1,7 @@
 #include "CIpmCpuEnv.h"
 
+#include "X86Features.h"
+
 #if defined(__aarch64__)
 #include <sys/auxv.h>
 #include <sys/prctl.h>
@@ -8,20 +10,16 @@
 #endif
 
 namespace ipm {
-namespace {
-
-constexpr bool bit(uint64_t value, int position)
-{
-    return ((value >> position) & 1u) != 0;
-}
 
 #if defined(__aarch64__)
+namespace {
+
 constexpr unsigned long kHwcapSve = 1ul << 22;
 constexpr unsigned long kHwcap2Sve2 = 1ul << 1;
 constexpr int kPrSveGetVl = 51;
-#endif
 
 }  // namespace
+#endif
 
 void CIpmCpuEnv::Detect()
 {
@@ -84,31 +82,17 @@ void CIpmCpuEnv::DetectSimd_x86_()
 {
     int leaf1[4];
     cpuid_(1, 0, leaf1);
-    const bool osxsave = bit(static_cast<uint32_t>(leaf1[2]), 27);
-    const bool osAvx = osxsave && bit(static_cast<uint32_t>(leaf1[2]), 28);
     int leaf7[4];
     cpuid_(7, 0, leaf7);
-    const uint32_t ebx = static_cast<uint32_t>(leaf7[1]);
-    if (osAvx) {
-        const uint64_t xcr0 = xgetbv_(0);
-        const bool osSavesAvx = bit(xcr0, 1) && bit(xcr0, 2);
-        hasAvx2 = osSavesAvx && bit(ebx, 5);
-        if (bit(ebx, 16) && osSavesAvx) {
-            const uint64_t zmmState = xgetbv_(0);
-            const bool osSavesZmm = bit(zmmState, 5) && bit(zmmState, 6) && bit(zmmState, 7);
-            hasAvx512F = osSavesZmm;
-            hasAvx512BW = osSavesZmm && bit(ebx, 30);
-        } else {
-            hasAvx512F = hasAvx512BW = false;
-        }
-    } else {
-        hasAvx2 = hasAvx512F = hasAvx512BW = false;
-    }
-    // The tile feature flag is EDX bit 24 of leaf 7 subleaf 0 in the vendor's tables.
-    if (bit(static_cast<uint32_t>(leaf7[3]), 24) && osxsave) {
-        const uint64_t xcr0 = xgetbv_(0);
-        hasAmx = bit(xcr0, 17) && bit(xcr0, 18);
-    }
+    const auto ecx = static_cast<uint32_t>(leaf1[2]);
+    // XGETBV is an invalid instruction where the processor has no XCR0.
+    const uint64_t xcr0 = ipm_internal::x86HasXcr0(ecx) ? xgetbv_(0) : 0;
+    const ipm_internal::X86Features features = ipm_internal::decodeX86Features(
+        ecx, static_cast<uint32_t>(leaf7[1]), static_cast<uint32_t>(leaf7[3]), xcr0);
+    hasAvx2 = features.avx2;
+    hasAvx512F = features.avx512F;
+    hasAvx512BW = features.avx512BW;
+    hasAmx = features.amx;
 }
 
 void CIpmCpuEnv::cpuid_(int leaf, int subleaf, int* registers)

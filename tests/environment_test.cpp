@@ -12,6 +12,7 @@
 #include "CIpmEnv.h"
 #include "CIpmFuncTable.h"
 #include "TestSupport.h"
+#include "X86Features.h"
 
 using namespace ipm;
 using L = En_SimdLevel;
@@ -129,6 +130,41 @@ TEST(CpuDetection, DetectFindsTheProcessorsSimdSets)
     EXPECT_EQ(cpu.sveBits, sveBits);
     EXPECT_EQ(cpu.simdLevel, cpu.bestSimdFor(En_OpProfile::Integer));  // the same on these processors
     EXPECT_EQ(cpu.simdBits, cpu.hasAvx512F ? 512 : cpu.hasAvx2 ? 256 : cpu.hasSve ? sveBits : 128);
+}
+
+// Registers of processors and operating systems other than the test machine's.
+TEST(X86Features, ASetIsUsableWhenTheProcessorHasItAndTheSystemSavesItsState)
+{
+    constexpr uint32_t osxsave = 1u << 27, avx = 1u << 28, avx2 = 1u << 5, f = 1u << 16, bw = 1u << 30;
+    constexpr uint32_t cpu = osxsave | avx, tile = 1u << 24;
+    constexpr uint64_t ymm = 0x7, zmm = 0xe7, tiles = 0x600e7;
+    const struct {
+        const char* what;
+        uint32_t ecx, ebx, edx;
+        uint64_t xcr0;
+        std::string expected;
+    } cases[] = {{"Haswell", cpu, avx2, 0, ymm, "avx2"},
+                 {"no AVX state", cpu, avx2, 0, 0x3, ""},
+                 {"no SSE state", cpu, avx2, 0, 0x5, ""},
+                 {"no OSXSAVE, so no XCR0", avx, avx2 | f | bw, tile, tiles, ""},
+                 {"no AVX", osxsave, avx2 | f | bw, 0, zmm, ""},
+                 {"Skylake-SP", cpu, avx2 | f | bw, 0, zmm, "avx2 avx512f avx512bw"},
+                 {"Knights Landing", cpu, avx2 | f, 0, zmm, "avx2 avx512f"},
+                 {"BW without F", cpu, avx2 | bw, 0, zmm, "avx2"},
+                 {"no opmask state", cpu, avx2 | f | bw, 0, zmm & ~0x20u, "avx2"},
+                 {"no upper ZMM halves", cpu, avx2 | f | bw, 0, zmm & ~0x40u, "avx2"},
+                 {"no high ZMM registers", cpu, avx2 | f | bw, 0, zmm & ~0x80u, "avx2"},
+                 {"Sapphire Rapids", cpu, avx2 | f | bw, tile, tiles, "avx2 avx512f avx512bw amx_tile"},
+                 {"no tile configuration state", cpu, avx2, tile, tiles & ~(1u << 17), "avx2"},
+                 {"no tile data state", cpu, avx2, tile, tiles & ~(1u << 18), "avx2"}};
+    for (const auto& c : cases) {
+        const ipm_internal::X86Features found = ipm_internal::decodeX86Features(c.ecx, c.ebx, c.edx, c.xcr0);
+        std::string sets;
+        for (auto [name, usable] : {std::pair{"avx2", found.avx2}, std::pair{"avx512f", found.avx512F},
+                                    std::pair{"avx512bw", found.avx512BW}, std::pair{"amx_tile", found.amx}})
+            if (usable) sets += (sets.empty() ? "" : " ") + std::string(name);
+        EXPECT_EQ(sets, c.expected) << c.what;
+    }
 }
 
 // The display devices, a table of runtime scripts with the records that differ from them, the selection.
