@@ -226,7 +226,7 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--step", "CPU Parallel/Converter"}, 2, "is not BACKEND/MODULE/INDEX"},
         {{"--step", "CPU Paralel/Converter/0"}, 2, "unknown backend 'CPU Paralel'"},
         {{"--step", "CPU Parallel/Scale/0"}, 2, "unknown module 'Scale'"},
-        {{"--step", "CPU Parallel/Converter/3"}, 2, "no function at CPU Parallel/Converter/3"},
+        {{"--step", "CPU Parallel/Converter/10"}, 2, "no function at CPU Parallel/Converter/10"},
         {{"--step", "CPU Serial/User_Custom/0"}, 2, "needs a destination format"},
         {{"--step", "CPU Serial/User_Custom/0:RGBA"}, 2, "unknown format 'RGBA'"},
         {{"--input", clip}, 2, "--input needs --size"},
@@ -234,6 +234,7 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--input", clip, "--size", "8x6"}, 2, "holds 64 bytes, less than one 8x6 YUV 4:2:2 frame"},
         {{"--out", clip}, 2, "exists and is not a directory"},
         {{"--out", clip + "/out"}, 2, "cannot create output directory"},
+        {{"--out", "/proc"}, 2, "cannot write in output directory '/proc'"},
     };
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;
