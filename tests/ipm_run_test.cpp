@@ -114,6 +114,7 @@ TEST_P(IpmRunClip, PicturesEqualTheLibrarysOutputAndTheSummaryCountsTheRun)
             const Step& step = clip.steps[s];
             const QRV_Image& image = destinations.emplace_back(width, height, step.destination, true, 1);
             const bool readsFrame = s == 0 || step.text.rfind("frame:", 0) == 0;
+            if (f == 0) EXPECT_EQ(summary["steps"][s]["reads"], readsFrame ? "frame" : "previous") << s;
             codes[s] = CIpmFuncTable::Instance()->process(step.backend, step.module, step.index,
                                                           readsFrame ? &frame : &destinations[s - 1],
                                                           &destinations.back(), nullptr, nullptr);
@@ -132,6 +133,7 @@ TEST_P(IpmRunClip, PicturesEqualTheLibrarysOutputAndTheSummaryCountsTheRun)
     const uint64_t passes = summary["passes"];
     const json frameCounts = {{"delivered", frames}, {"processed", passes}, {"dropped", frames - passes}};
     EXPECT_EQ(summary["frames"], frameCounts) << "a frame is either processed or replaced";
+    EXPECT_EQ(summary["manager_errors"], 0);
     size_t succeeding = 0;
     for (size_t s = 0; s < steps; ++s) {
         const bool ok = codes[s] == 1;
@@ -216,6 +218,7 @@ TEST(IpmRun, CommandLinesEndWithTheirStatusAndSayWhy)
         {{"--frobnicate"}, 2, "unknown option '--frobnicate'"},
         {{"--size", "0x4"}, 2, "bad size '0x4'"},
         {{"--size", "4x0"}, 2, "bad size '4x0'"},
+        {{"--size", "8xq"}, 2, "bad size '8xq'"},
         {{"--size", "16386x2"}, 2, "bad size '16386x2'"},
         {{"--size", "7x4"}, 2, "odd width 7"},
         {{"--layout", "YUY2"}, 2, "unknown layout 'YUY2'"},

@@ -53,14 +53,14 @@ TEST(PlatformLog, FormatsIndependentlyOfTheCLocaleAndNeverTruncates)
         "caf\xc3\xa9\xf0\x9f\x93\xb7\xff\xc3", "a");
     log(L"%hs!", longText.c_str());
     log(L"%05d|%+05d|%.0d|%.3d|%*d|%#06X|%#06x|%05.0x|%q", -42, 3, 0, -5, 3, 1, 0xafu, 0xafu, 0xafu);
-    log(L"%.2E|%G|%.1f|%10d", 1234.5, 0.00001, 2.5, 7);
+    log(L"%.2E|%G|%.1f|%10d|%-4d|", 1234.5, 0.00001, 2.5, 7, -7);
     // Malformed UTF-8 and lone surrogates keep their places as U+FFFD.
     EXPECT_EQ(capture.texts(),
               (std::vector<std::string>{"-2147483648 0 2147483647 4294967295 18446744073709551615",
                                         "\xc3\xa9\xe4\xb8\xad\xf4\x8f\xbf\xbf\xf0\x9f\x93\xb7x\xef\xbf\xbd|"
                                         "caf\xc3\xa9\xf0\x9f\x93\xb7\xef\xbf\xbd\xef\xbf\xbd|a|100%",
                                         longText + "!", "-0042|+0003||-005|  1|0X00AF|0x00af|   af|%q",
-                                        "1.23E+03|1E-05|2.5|         7"}));
+                                        "1.23E+03|1E-05|2.5|         7|-7  |"}));
 }
 
 // The default sink writes a line per record to stderr up to the level set; a sink takes records instead.
