@@ -114,7 +114,7 @@ TEST_P(IpmRunClip, PicturesEqualTheLibrarysOutputAndTheSummaryCountsTheRun)
             const Step& step = clip.steps[s];
             const QRV_Image& image = destinations.emplace_back(width, height, step.destination, true, 1);
             const bool readsFrame = s == 0 || step.text.rfind("frame:", 0) == 0;
-            if (f == 0) EXPECT_EQ(summary["steps"][s]["reads"], readsFrame ? "frame" : "previous") << s;
+            EXPECT_EQ(summary["steps"][s]["reads"], readsFrame ? "frame" : "previous") << s;
             codes[s] = CIpmFuncTable::Instance()->process(step.backend, step.module, step.index,
                                                           readsFrame ? &frame : &destinations[s - 1],
                                                           &destinations.back(), nullptr, nullptr);
@@ -146,7 +146,9 @@ TEST_P(IpmRunClip, PicturesEqualTheLibrarysOutputAndTheSummaryCountsTheRun)
     EXPECT_EQ(passes, frames) << "converting a file is lossless";
     EXPECT_EQ(listed.size(), saved.size() * succeeding) << "pictures of no successful step of a frame";
     EXPECT_EQ(saved.size(), defaults ? 1 : passes);
-    if (defaults) EXPECT_EQ(summary["notes"], json::array()) << "a run without failures has nothing to note";
+    if (defaults) {
+        EXPECT_EQ(summary["notes"], json::array()) << "a run without failures has nothing to note";
+    }
     EXPECT_EQ(saved.count(frames - 1), 1u) << "the last frame is always processed and saved";
 }
 

@@ -80,7 +80,6 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
-            result.timedOut = true;
             kill(pid, SIGKILL);
             break;
         }
@@ -105,7 +104,6 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
     writer.join();
     if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
     return result;
 }
 
@@ -119,8 +117,7 @@ std::string selfPath()
     return std::filesystem::read_symlink("/proc/self/exe").string();
 }
 
-ProcessResult runSelf(const ProcessOptions& options, const std::string& copyInto,
-                      const std::vector<std::string>& extraArgs)
+ProcessResult runSelf(const ProcessOptions& options, const std::string& copyInto)
 {
     std::string program = selfPath();
     if (!copyInto.empty()) {
@@ -131,7 +128,6 @@ ProcessResult runSelf(const ProcessOptions& options, const std::string& copyInto
     const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
     std::vector<std::string> argv = {
         program, std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name()};
-    argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     ProcessOptions childOptions = options;
     childOptions.env.emplace_back(kChildVariable, "1");
     return runProcess(argv, childOptions);

@@ -16,9 +16,7 @@
 namespace qrvtest {
 
 struct ProcessResult {
-    int exitCode = -1;  // -1 when the child did not exit normally
-    int signal = 0;     // the signal that ended the child, or 0
-    bool timedOut = false;
+    int exitCode = -1;  // -1 when the child did not exit normally (a signal, or killed at the timeout)
     std::string out;
     std::string err;
 };
@@ -38,10 +36,9 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
 // program (through the emulator and options.wrapper), and inChild() is true
 // there. With copyInto set, the program is first copied into that directory
 // and run from there, so that what the library finds beside its executable
-// comes from that directory. Extra arguments go after the test filter.
+// comes from that directory.
 bool inChild();
-ProcessResult runSelf(const ProcessOptions& options = {}, const std::string& copyInto = "",
-                      const std::vector<std::string>& extraArgs = {});
+ProcessResult runSelf(const ProcessOptions& options = {}, const std::string& copyInto = "");
 std::string selfPath();
 
 // A directory under /tmp, removed with everything in it by the destructor.
