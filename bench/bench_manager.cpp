@@ -28,6 +28,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchImage.h"
 #include "CImageProcessMng.h"
 #include "CIpmFuncTable.h"
 
@@ -61,18 +62,6 @@ Spread spreadOf(std::vector<double> samples)
     std::sort(samples.begin(), samples.end());
     const size_t last = samples.size() - 1;
     return {samples[last / 2], samples[std::min(last, (samples.size() * 99) / 100)]};
-}
-
-QRV_Image makeFrame(uint32_t width, uint32_t height, En_ImageFormat format)
-{
-    QRV_Image frame(width, height, format, true, 1);
-    frame.yuvLayout = static_cast<int32_t>(qrv_img::En_YuvLayout::YUYV);
-    uint32_t state = 2463534242u;
-    for (size_t i = 0; i < frame.pixelBytes(); ++i) {
-        state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-        frame.pixels()[i] = static_cast<uint8_t>(state);
-    }
-    return frame;
 }
 
 // Timestamps the report of the list's last step, frame by frame.
@@ -243,7 +232,7 @@ int main(int argc, char** argv)
     table->registerFunc(
         EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kTrivialIndex,
         [](const QRV_Image*, QRV_Image*, void*, void*) { return 1; }, L"does nothing");
-    QRV_Image frame = makeFrame(kWidth, kHeight, En_ImageFormat::YUV422_8);
+    QRV_Image frame = qrv_bench::filledImage(kWidth, kHeight, En_ImageFormat::YUV422_8);
 
     // The list without a manager: the two conversions back to back.
     QRV_Image rgb(kWidth, kHeight, En_ImageFormat::RGB888, true, 1);
@@ -279,7 +268,7 @@ int main(int argc, char** argv)
     // Hand-over and wake-up alone: the same path with a one-byte frame and a
     // step that does nothing.
     Pipeline trivial(1);
-    QRV_Image tiny = makeFrame(1, 1, En_ImageFormat::Gray8);
+    QRV_Image tiny = qrv_bench::filledImage(1, 1, En_ImageFormat::Gray8);
     trivial.destinations.emplace_back(1, 1, En_ImageFormat::Gray8, true, 1);
     trivial.manager.addProcList(EnProcessBackend::CPU_Serial, EnIpmModule::Splitter, kTrivialIndex,
                                 &trivial.source, &trivial.destinations[0], nullptr, nullptr);

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchImage.h"
 #include "Converter/CCpuParaConverter.h"
 #include "Converter/CCpuSerialConverter.h"
 #include "CpuConvertRows.h"
@@ -48,14 +49,7 @@ struct Traffic {
 
 QRV_Image makeFilled(Size size, En_ImageFormat format)
 {
-    QRV_Image image(size.width, size.height, format, true, 1);
-    uint32_t state = 12345;
-    for (size_t i = 0; i < image.dataSize; ++i) {
-        state = state * 1664525u + 1013904223u;
-        image.data[i] = static_cast<uint8_t>(state >> 24);
-    }
-    image.yuvLayout = static_cast<int32_t>(qrv_img::En_YuvLayout::YUYV);
-    return image;
+    return qrv_bench::filledImage(size.width, size.height, format);
 }
 
 // Runs `work` in the benchmark loop and reports pixels per second.

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchImage.h"
 #include "CIpmFuncTable.h"
 #include "Converter/CConverter.h"
 #include "Converter/CpuConvertKernel.h"
@@ -32,18 +33,6 @@ using qrv_img::QRV_Image;
 using Conversion = CConverter::Ipm_Converter_Func;
 
 namespace {
-
-QRV_Image makeFilled(uint32_t width, uint32_t height, En_ImageFormat format)
-{
-    QRV_Image image(width, height, format, true, 1);
-    uint32_t state = 12345;
-    for (size_t i = 0; i < image.dataSize; ++i) {
-        state = state * 1664525u + 1013904223u;
-        image.data[i] = static_cast<uint8_t>(state >> 24);
-    }
-    image.yuvLayout = static_cast<int32_t>(qrv_img::En_YuvLayout::YUYV);
-    return image;
-}
 
 // Four instructions per iteration, one of them a load and one a store.
 void countedLoop(long iterations)
@@ -182,8 +171,8 @@ int main(int argc, char** argv)
     }
     for (const auto& entry : kCases) {
         if (name != entry.name) continue;
-        Frames frames{makeFilled(width, height, En_ImageFormat::YUV422_8),
-                      makeFilled(width, height, En_ImageFormat::RGB888),
+        Frames frames{qrv_bench::filledImage(width, height, En_ImageFormat::YUV422_8),
+                      qrv_bench::filledImage(width, height, En_ImageFormat::RGB888),
                       QRV_Image(width, height, En_ImageFormat::Gray8, true, 1),
                       QRV_Image(width, height * 4, En_ImageFormat::Gray8, true, 1)};
         // The table fills itself on first use; every case pays that once, so
